@@ -1,0 +1,95 @@
+// Duwisp: one trace point, two sinks at the same level. DUWISP_TRACE writes a Kwisp ring
+// record when the handle's ring level is on, and the framework's text trace (with file,
+// line and function) when its text level is on; the text is built only in that case.
+//
+//   static Kel::TraceHandle& th() { static Kel::TraceHandle h("ZorvekDemuxDal"); return h; }
+//   DUWISP_TRACE(th(), 8, "Resource type %s id 0x%x", rid.type(), rid.id());
+//
+// When neither sink is on at that level, a trace point costs one test of the handle's mask.
+// Arguments: integers, enums, bools, strings and pointers are stored as they are; any
+// other type with a stream output operator is stored as its streamed text.
+#pragma once
+
+#include <concepts>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "Kel/Trace.h"
+#include "Kwisp/Kwisp.h"
+
+namespace Duwisp {
+
+namespace detail {
+
+template <class T>
+concept Streamable = requires(std::ostream& os, const T& v) { os << v; };
+
+// One argument converted to a Kwisp value; holds the text of a streamed value.
+class Arg {
+ public:
+  template <class T>
+  Arg(const T& x) {
+    using U = std::remove_cvref_t<T>;
+    if constexpr (std::is_same_v<U, bool>) {
+      value_ = {Kwisp::Tag::boolean, x ? 1u : 0u, {}};
+    } else if constexpr (std::is_enum_v<U>) {
+      value_ = integer(static_cast<std::underlying_type_t<U>>(x));
+    } else if constexpr (std::is_integral_v<U>) {
+      value_ = integer(x);
+    } else if constexpr (std::is_convertible_v<const U&, std::string_view>) {
+      value_ = {Kwisp::Tag::string, 0, std::string_view(x)};
+    } else if constexpr (std::is_pointer_v<U>) {
+      value_ = {Kwisp::Tag::unsignedInt, reinterpret_cast<std::uintptr_t>(x), {}};
+    } else {
+      static_assert(Streamable<U>, "trace argument needs a stream output operator");
+      std::ostringstream os;
+      os << x;
+      text_ = os.str();
+      value_ = {Kwisp::Tag::string, 0, text_};
+    }
+  }
+  Arg(const Arg&) = delete;
+  const Kwisp::Value& value() const { return value_; }
+
+ private:
+  template <class I>
+  static Kwisp::Value integer(I v) {
+    if constexpr (std::is_signed_v<I>)
+      return {Kwisp::Tag::signedInt, static_cast<std::uint64_t>(static_cast<std::int64_t>(v)), {}};
+    else
+      return {Kwisp::Tag::unsignedInt, static_cast<std::uint64_t>(v), {}};
+  }
+  Kwisp::Value value_;
+  std::string text_;
+};
+
+KEL_EXPORT void emitValues(const Kwisp::Descriptor& d, const Kwisp::Value* values,
+                           std::size_t count);
+
+}  // namespace detail
+
+template <class... A>
+void emit(const Kwisp::Descriptor& d, const A&... args) {
+  if constexpr (sizeof...(A) == 0) {
+    detail::emitValues(d, nullptr, 0);
+  } else {
+    const detail::Arg held[] = {detail::Arg(args)...};
+    Kwisp::Value values[sizeof...(A)];
+    for (std::size_t i = 0; i < sizeof...(A); ++i) values[i] = held[i].value();
+    detail::emitValues(d, values, sizeof...(A));
+  }
+}
+
+}  // namespace Duwisp
+
+#define DUWISP_TRACE(handle, level, format, ...)                                          \
+  do {                                                                                    \
+    const ::Kel::TraceHandle& duwispHandle_ = (handle);                                   \
+    if (duwispHandle_.anyEnabled(level)) [[unlikely]] {                                   \
+      static const ::Kwisp::Descriptor duwispDescriptor_(duwispHandle_, level, __FILE__,  \
+                                                         __LINE__, __func__, format);     \
+      ::Duwisp::emit(duwispDescriptor_ __VA_OPT__(, ) __VA_ARGS__);                       \
+    }                                                                                     \
+  } while (0)

@@ -1,0 +1,353 @@
+#include "Kwisp/Kwisp.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <mutex>
+
+namespace Kwisp {
+
+namespace {
+
+constexpr char kMagic[8] = {'K', 'W', 'I', 'S', 'P', 'R', 'N', 'G'};
+constexpr std::uint32_t kVersion = 1;
+constexpr std::size_t kPayloadBytes = kSlotBytes - kHeaderBytes;
+
+// A descriptor as the decoder sees it: copied strings, so a dumped ring decodes without the
+// process that wrote it.
+struct DescriptorText {
+  unsigned level = 0;
+  int line = 0;
+  std::string handle, file, function, format;
+};
+
+struct Ring {
+  std::vector<unsigned char> slots = std::vector<unsigned char>(kDefaultSlots * kSlotBytes);
+  std::uint64_t next = 0;
+  std::mutex descriptorMutex;
+  std::vector<const Descriptor*> descriptors;  // index = id - 1
+};
+
+Ring& ring() {
+  static Ring* r = new Ring;  // outlives static descriptors of unloading libraries
+  return *r;
+}
+
+template <class T>
+void put(unsigned char* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
+template <class T>
+T get(const unsigned char* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+std::string hex(std::uint64_t v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%" PRIx64, v);
+  return buf;
+}
+
+std::string valueText(const Value& v, bool asHex) {
+  switch (v.tag) {
+    case Tag::string:
+      return std::string(v.text);
+    case Tag::boolean:
+      return v.bits ? "True" : "False";
+    case Tag::signedInt:
+      return asHex ? hex(v.bits) : std::to_string(static_cast<std::int64_t>(v.bits));
+    case Tag::unsignedInt:
+      break;
+  }
+  return asHex ? hex(v.bits) : std::to_string(v.bits);
+}
+
+// Decodes the payload of one slot into values whose strings point into the slot.
+std::vector<Value> decodeArgs(const unsigned char* slot, std::uint64_t seq) {
+  const unsigned argc = slot[20];
+  const std::size_t used = get<std::uint16_t>(slot + 22);
+  auto bad = [&](const char* why) {
+    return DecodeError("record " + std::to_string(seq) + ": " + why);
+  };
+  if (used > kPayloadBytes) throw bad("payload size exceeds the slot");
+  const unsigned char* p = slot + kHeaderBytes;
+  const unsigned char* end = p + used;
+  std::vector<Value> out;
+  for (unsigned i = 0; i < argc; ++i) {
+    if (p >= end) throw bad("argument beyond the payload");
+    Value v;
+    v.tag = static_cast<Tag>(*p++);
+    switch (v.tag) {
+      case Tag::unsignedInt:
+      case Tag::signedInt:
+      case Tag::boolean:
+        if (end - p < 8) throw bad("truncated number argument");
+        v.bits = get<std::uint64_t>(p);
+        p += 8;
+        break;
+      case Tag::string: {
+        if (p >= end) throw bad("truncated string argument");
+        const std::size_t len = *p++;
+        if (static_cast<std::size_t>(end - p) < len) throw bad("string argument beyond the payload");
+        v.text = std::string_view(reinterpret_cast<const char*>(p), len);
+        p += len;
+        break;
+      }
+      default:
+        throw bad("unknown argument tag");
+    }
+    out.push_back(v);
+  }
+  return out;
+}
+
+std::vector<std::string> decodeSlots(const unsigned char* slots, std::size_t count,
+                                     const std::map<std::uint32_t, DescriptorText>& descs) {
+  std::vector<std::pair<std::uint64_t, const unsigned char*>> used;
+  for (std::size_t i = 0; i < count; ++i) {
+    const unsigned char* s = slots + i * kSlotBytes;
+    const std::uint64_t seq = get<std::uint64_t>(s);
+    if (seq) used.emplace_back(seq - 1, s);
+  }
+  std::sort(used.begin(), used.end());
+  std::vector<std::string> lines;
+  for (auto& [seq, s] : used) {
+    auto it = descs.find(get<std::uint32_t>(s + 16));
+    if (it == descs.end())
+      throw DecodeError("record " + std::to_string(seq) + ": unknown descriptor " +
+                        std::to_string(get<std::uint32_t>(s + 16)));
+    const DescriptorText& d = it->second;
+    auto args = decodeArgs(s, seq);
+    const std::uint64_t ns = get<std::uint64_t>(s + 8);
+    char stamp[48];
+    std::snprintf(stamp, sizeof stamp, "%" PRIu64 ".%09" PRIu64, ns / 1000000000, ns % 1000000000);
+    std::string line = std::to_string(seq) + " " + stamp + " " + d.handle + "/" +
+                       std::to_string(d.level) + " " + d.file + ":" + std::to_string(d.line) +
+                       " " + d.function + ": " + render(d.format, args.data(), args.size());
+    if (s[21] & 1) line += " [truncated]";
+    lines.push_back(std::move(line));
+  }
+  return lines;
+}
+
+DescriptorText textOf(const Descriptor& d) {
+  const char* file = d.file();
+  for (const char* p = file; *p; ++p)
+    if (*p == '/') file = p + 1;
+  return {d.level(), d.line(), d.handle().name(), file, d.function(), d.format()};
+}
+
+std::map<std::uint32_t, DescriptorText> liveDescriptors() {
+  Ring& r = ring();
+  std::lock_guard lock(r.descriptorMutex);
+  std::map<std::uint32_t, DescriptorText> out;
+  for (const Descriptor* d : r.descriptors) out.emplace(d->id(), textOf(*d));
+  return out;
+}
+
+// Reads the dump format with bounds checks on every field.
+class Reader {
+ public:
+  explicit Reader(std::string_view b) : b_(b) {}
+  template <class T>
+  T num(const char* what) {
+    need(sizeof(T), what);
+    T v;
+    std::memcpy(&v, b_.data() + pos_, sizeof v);
+    pos_ += sizeof v;
+    return v;
+  }
+  std::string str(const char* what) {
+    const std::size_t n = num<std::uint16_t>(what);
+    need(n, what);
+    std::string s(b_.substr(pos_, n));
+    pos_ += n;
+    return s;
+  }
+  std::string_view bytes(std::size_t n, const char* what) {
+    need(n, what);
+    std::string_view s = b_.substr(pos_, n);
+    pos_ += n;
+    return s;
+  }
+  std::size_t pos() const { return pos_; }
+  std::size_t left() const { return b_.size() - pos_; }
+
+ private:
+  void need(std::size_t n, const char* what) {
+    if (b_.size() - pos_ < n)
+      throw DecodeError(std::string("truncated dump: ") + what + " at byte " + std::to_string(pos_));
+  }
+  std::string_view b_;
+  std::size_t pos_ = 0;
+};
+
+void putStr(std::string& out, std::string_view s) {
+  const auto n = static_cast<std::uint16_t>(std::min<std::size_t>(s.size(), 0xFFFF));
+  out.append(reinterpret_cast<const char*>(&n), sizeof n);
+  out.append(s.substr(0, n));
+}
+template <class T>
+void putNum(std::string& out, T v) {
+  out.append(reinterpret_cast<const char*>(&v), sizeof v);
+}
+
+}  // namespace
+
+Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const char* file,
+                       int line, const char* function, const char* format)
+    : handle_(&handle), level_(level), file_(file), line_(line), function_(function),
+      format_(format) {
+  Ring& r = ring();
+  std::lock_guard lock(r.descriptorMutex);
+  r.descriptors.push_back(this);
+  id_ = static_cast<std::uint32_t>(r.descriptors.size());
+}
+
+void record(const Descriptor& d, const Value* values, std::size_t count) {
+  Ring& r = ring();
+  const std::size_t slotCount = r.slots.size() / kSlotBytes;
+  const std::uint64_t seq = r.next++;
+  unsigned char* s = r.slots.data() + (seq % slotCount) * kSlotBytes;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  put<std::uint64_t>(s + 8, static_cast<std::uint64_t>(
+                                std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()));
+  put<std::uint32_t>(s + 16, d.id());
+  unsigned char* p = s + kHeaderBytes;
+  unsigned char* const end = s + kSlotBytes;
+  unsigned char flags = 0;
+  std::size_t argc = 0;
+  for (; argc < count && argc < 255; ++argc) {
+    const Value& v = values[argc];
+    if (v.tag == Tag::string) {
+      if (end - p < 2) break;
+      const std::size_t room = std::min<std::size_t>(end - p - 2, 255);
+      const std::size_t len = std::min(v.text.size(), room);
+      if (len < v.text.size()) flags |= 1;
+      *p++ = static_cast<unsigned char>(v.tag);
+      *p++ = static_cast<unsigned char>(len);
+      std::memcpy(p, v.text.data(), len);
+      p += len;
+    } else {
+      if (end - p < 9) break;
+      *p++ = static_cast<unsigned char>(v.tag);
+      put<std::uint64_t>(p, v.bits);
+      p += 8;
+    }
+  }
+  if (argc < count) flags |= 1;
+  s[20] = static_cast<unsigned char>(argc);
+  s[21] = flags;
+  put<std::uint16_t>(s + 22, static_cast<std::uint16_t>(p - (s + kHeaderBytes)));
+  put<std::uint64_t>(s, seq + 1);
+}
+
+std::string render(std::string_view format, const Value* values, std::size_t count) {
+  std::string out;
+  std::size_t arg = 0;
+  for (std::size_t i = 0; i < format.size(); ++i) {
+    const char c = format[i];
+    if (c != '%' || i + 1 == format.size()) {
+      out += c;
+      continue;
+    }
+    const char k = format[i + 1];
+    if (k == '%') {
+      out += '%';
+    } else if (k == 'x' || k == 's') {
+      out += arg < count ? valueText(values[arg], k == 'x') : std::string("<missing>");
+      ++arg;
+    } else {
+      out += c;
+      continue;
+    }
+    ++i;
+  }
+  return out;
+}
+
+std::vector<std::string> decode() {
+  Ring& r = ring();
+  return decodeSlots(r.slots.data(), r.slots.size() / kSlotBytes, liveDescriptors());
+}
+
+void dump(const std::string& path) {
+  Ring& r = ring();
+  std::string out(kMagic, sizeof kMagic);
+  putNum<std::uint32_t>(out, kVersion);
+  auto descs = liveDescriptors();
+  putNum<std::uint32_t>(out, static_cast<std::uint32_t>(descs.size()));
+  for (auto& [id, d] : descs) {
+    putNum<std::uint32_t>(out, id);
+    putNum<std::uint8_t>(out, static_cast<std::uint8_t>(d.level));
+    putNum<std::uint32_t>(out, static_cast<std::uint32_t>(d.line));
+    putStr(out, d.handle);
+    putStr(out, d.file);
+    putStr(out, d.function);
+    putStr(out, d.format);
+  }
+  putNum<std::uint32_t>(out, static_cast<std::uint32_t>(kSlotBytes));
+  putNum<std::uint32_t>(out, static_cast<std::uint32_t>(r.slots.size() / kSlotBytes));
+  out.append(reinterpret_cast<const char*>(r.slots.data()), r.slots.size());
+  std::ofstream f(path, std::ios::binary | std::ios::trunc);
+  if (!f || !f.write(out.data(), static_cast<std::streamsize>(out.size())))
+    throw std::runtime_error("cannot write trace ring to " + path);
+}
+
+std::vector<std::string> decodeBytes(std::string_view bytes) {
+  Reader in(bytes);
+  if (in.bytes(sizeof kMagic, "magic") != std::string_view(kMagic, sizeof kMagic))
+    throw DecodeError("not a Kwisp ring dump (bad magic)");
+  if (const auto v = in.num<std::uint32_t>("version"); v != kVersion)
+    throw DecodeError("unsupported Kwisp dump version " + std::to_string(v));
+  const auto n = in.num<std::uint32_t>("descriptor count");
+  std::map<std::uint32_t, DescriptorText> descs;
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const auto id = in.num<std::uint32_t>("descriptor id");
+    DescriptorText d;
+    d.level = in.num<std::uint8_t>("descriptor level");
+    d.line = static_cast<int>(in.num<std::uint32_t>("descriptor line"));
+    d.handle = in.str("descriptor handle");
+    d.file = in.str("descriptor file");
+    d.function = in.str("descriptor function");
+    d.format = in.str("descriptor format");
+    if (d.level >= Kel::kTraceLevels)
+      throw DecodeError("descriptor " + std::to_string(id) + ": level " +
+                        std::to_string(d.level) + " out of range");
+    descs.emplace(id, std::move(d));
+  }
+  if (in.num<std::uint32_t>("slot size") != kSlotBytes)
+    throw DecodeError("slot size in dump does not match " + std::to_string(kSlotBytes));
+  const auto slots = in.num<std::uint32_t>("slot count");
+  if (in.left() != static_cast<std::uint64_t>(slots) * kSlotBytes)
+    throw DecodeError("dump holds " + std::to_string(in.left()) + " slot bytes, header says " +
+                      std::to_string(static_cast<std::uint64_t>(slots) * kSlotBytes));
+  std::string_view raw = in.bytes(in.left(), "slots");
+  return decodeSlots(reinterpret_cast<const unsigned char*>(raw.data()), slots, descs);
+}
+
+std::vector<std::string> decodeFile(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  if (!f) throw DecodeError("cannot open " + path);
+  std::string bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  return decodeBytes(bytes);
+}
+
+void clear(std::size_t slots) {
+  Ring& r = ring();
+  const std::size_t n = slots ? slots : r.slots.size() / kSlotBytes;
+  r.slots.assign(n * kSlotBytes, 0);
+  r.next = 0;
+}
+
+std::size_t slotCount() { return ring().slots.size() / kSlotBytes; }
+std::uint64_t recordCount() { return ring().next; }
+
+}  // namespace Kwisp

@@ -1,0 +1,105 @@
+// Kwisp: the per-process ring buffer of binary trace records.
+//
+// Each trace point owns one Descriptor, built once (handle, level, file, line, function and
+// a format of fixed text with "%x" for a hexadecimal and "%s" for any other value). A record
+// stores only the descriptor id, a timestamp and the arguments in binary; text is made when
+// the ring is decoded, in memory or from a file written by dump().
+//
+// Ring slot layout (kSlotBytes = 128 bytes, little-endian, slot = sequence % slot count):
+//   0  u64  sequence number + 1 (0: empty slot)
+//   8  u64  timestamp, nanoseconds of the steady clock
+//   16 u32  descriptor id
+//   20 u8   argument count
+//   21 u8   flags (bit 0: arguments truncated to fit the slot)
+//   22 u16  payload bytes used
+//   24      payload, per argument: u8 tag, then 'u'/'i'/'b': u64 value; 's': u8 length, bytes
+//
+// Dump file layout:
+//   "KWISPRNG" magic, u32 version (1), u32 descriptor count,
+//   per descriptor: u32 id, u8 level, u32 line, then handle, file, function and format, each
+//   as u16 length + bytes;
+//   u32 slot size (128), u32 slot count, then the slots as above.
+//
+// Records are written from the agent's activity thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Kel/Export.h"
+#include "Kel/Trace.h"
+
+namespace Kwisp {
+
+constexpr std::size_t kSlotBytes = 128;
+constexpr std::size_t kHeaderBytes = 24;
+constexpr std::size_t kDefaultSlots = 8192;
+
+enum class Tag : std::uint8_t {
+  unsignedInt = 'u',
+  signedInt = 'i',
+  boolean = 'b',
+  string = 's',
+};
+
+// One argument of a record, as handed to record() (a view: strings are not copied).
+struct Value {
+  Tag tag = Tag::unsignedInt;
+  std::uint64_t bits = 0;
+  std::string_view text;
+};
+
+class KEL_EXPORT Descriptor {
+ public:
+  Descriptor(const Kel::TraceHandle& handle, unsigned level, const char* file, int line,
+             const char* function, const char* format);
+  std::uint32_t id() const { return id_; }
+  const Kel::TraceHandle& handle() const { return *handle_; }
+  unsigned level() const { return level_; }
+  const char* file() const { return file_; }
+  int line() const { return line_; }
+  const char* function() const { return function_; }
+  const char* format() const { return format_; }
+
+ private:
+  std::uint32_t id_;
+  const Kel::TraceHandle* handle_;
+  unsigned level_;
+  const char* file_;
+  int line_;
+  const char* function_;
+  const char* format_;
+};
+
+class KEL_EXPORT DecodeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Appends one record to the ring, overwriting the oldest when the ring is full.
+KEL_EXPORT void record(const Descriptor& d, const Value* values, std::size_t count);
+
+// The text of a format with its arguments: "%x" prints an integer in hexadecimal, "%s" an
+// integer in decimal, a bool as True/False, a string as is; "%%" is a percent sign.
+KEL_EXPORT std::string render(std::string_view format, const Value* values, std::size_t count);
+
+// The ring's records, oldest first, one line each:
+//   "<sequence> <seconds>.<nanoseconds> <handle>/<level> <file>:<line> <function>: <text>"
+KEL_EXPORT std::vector<std::string> decode();
+// Writes the ring and its descriptors to a file; throws std::runtime_error on I/O failure.
+KEL_EXPORT void dump(const std::string& path);
+// Decodes a dumped ring; throws DecodeError naming what is wrong and where.
+KEL_EXPORT std::vector<std::string> decodeFile(const std::string& path);
+KEL_EXPORT std::vector<std::string> decodeBytes(std::string_view bytes);
+
+// Empties the ring; resizes it to `slots` slots when given (at least 1).
+KEL_EXPORT void clear(std::size_t slots = 0);
+KEL_EXPORT std::size_t slotCount();
+// Number of records written since the last clear().
+KEL_EXPORT std::uint64_t recordCount();
+
+}  // namespace Kwisp

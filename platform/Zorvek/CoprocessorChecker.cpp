@@ -1,0 +1,3 @@
+#include "Zorvek/CoprocessorChecker.h"
+
+KEL_DEFINE_ENTITY_TYPE(Zorvek::CoprocessorChecker, "Zorvek::CoprocessorChecker")

@@ -1,0 +1,229 @@
+// The identifier and value types shared by every Zorvek library: devices and targets,
+// resource ids with their hash, requester commands, DAL and agent ids, and the bulk limit.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <ostream>
+
+#include "Corvane/Fap.h"
+#include "Kel/Assert.h"
+#include "Kel/Export.h"
+
+namespace Zorvek {
+
+using U8 = std::uint8_t;
+using U16 = std::uint16_t;
+using U32 = std::uint32_t;
+using S32 = std::int32_t;
+using U64 = std::uint64_t;
+using S64 = std::int64_t;
+
+// A device: 0..127, or 128 for no device. Constructing one above 128 throws
+// Corvane::FapIdRangeError.
+using DeviceId = Corvane::FapId;
+using DeviceOffset = U32;
+// The address of a table's memory for DMA-style bulk transfers.
+using PhysicalAddr = U64;
+using AgentId = U16;
+constexpr AgentId kInvalidAgentId = 0xFFFF;
+
+class TargetId {
+ public:
+  static constexpr U8 max() { return 127; }
+  constexpr TargetId() noexcept : value_(0) {}
+  constexpr explicit TargetId(U8 v) noexcept : value_(v) {}
+  constexpr explicit TargetId(DeviceId d) noexcept : value_(d.value()) {}
+  constexpr U8 value() const noexcept { return value_; }
+  // Targets 125 and 126 stand for groups of devices and are used one at a time.
+  constexpr bool alias() const noexcept { return value_ == 125 || value_ == 126; }
+  friend constexpr bool operator==(TargetId, TargetId) noexcept = default;
+  friend constexpr auto operator<=>(TargetId, TargetId) noexcept = default;
+
+ private:
+  U8 value_;
+};
+
+// The devices an access is written to.
+class TargetMask {
+ public:
+  TargetMask() = default;
+  unsigned targets() const noexcept { return mask_.fapIds(); }
+  // Sets or clears one target. Asserts "target < TargetId::max()", and that an alias target
+  // is set only in an empty mask and cleared only from a mask of one target.
+  void targetIdIs(TargetId target, bool val) {
+    KEL_ASSERT(target.value() < TargetId::max());
+    KEL_ASSERT_TEXT(!target.alias() || (val && (targets() == 0)) || (!val && (targets() == 1)),
+                    "!target.alias() || (val && (targets() == 0)) || (!val && (targets() == 1))");
+    mask_.fapIdIs(Corvane::FapId(target.value()), val);
+  }
+  bool targetId(TargetId t) const noexcept { return mask_.fapId(Corvane::FapId(t.value())); }
+  // The first device of the mask (the null device when empty).
+  DeviceId firstDevice() const noexcept { return mask_.nextFapId(Corvane::FapId(Corvane::FapId::null)); }
+  const Corvane::Fapmask& fapmask() const noexcept { return mask_; }
+  friend bool operator==(const TargetMask&, const TargetMask&) noexcept = default;
+
+ private:
+  Corvane::Fapmask mask_;
+};
+
+// A mask holding exactly `devId` (with the checks of TargetMask::targetIdIs).
+inline TargetMask oneDeviceMask(DeviceId devId) {
+  TargetMask m;
+  m.targetIdIs(TargetId(devId), true);
+  return m;
+}
+
+enum class ResourceType : U32 {
+  none_ = 0,
+  tableResource_ = 1,
+  registerResource_ = 2,
+};
+KEL_EXPORT std::ostream& operator<<(std::ostream& os, ResourceType t);
+
+// Jenkins one-at-a-time hash of a resource id: the 4 bytes of the type, then the 8 bytes of
+// the id, least significant first.
+constexpr U32 oneAtATimeStep(U32 h, U8 b) noexcept {
+  h += b;
+  h += h << 10;
+  h ^= h >> 6;
+  return h;
+}
+constexpr U32 oneAtATimeBytes(U32 h, U64 v, int bytes) noexcept {
+  for (int i = 0; i < bytes; ++i) h = oneAtATimeStep(h, static_cast<U8>(v >> (8 * i)));
+  return h;
+}
+constexpr U32 oneAtATimeFinish(U32 h) noexcept {
+  h += h << 3;
+  h ^= h >> 11;
+  h += h << 15;
+  return h;
+}
+constexpr U32 resourceIdHash(U32 type, U64 id) noexcept {
+  return oneAtATimeFinish(oneAtATimeBytes(oneAtATimeBytes(0, type, 4), id, 8));
+}
+// The state after the type bytes of a table (1) and a register (2) id, so that ids of a
+// constant type hash only their 8 id bytes.
+constexpr U32 kTableTypeHashState = 300581581;
+constexpr U32 kRegisterTypeHashState = 601164203;
+static_assert(oneAtATimeBytes(0, 1, 4) == kTableTypeHashState);
+static_assert(oneAtATimeBytes(0, 2, 4) == kRegisterTypeHashState);
+
+// A resource id: type then 64-bit id, compared field by field, type first.
+template <class Tag>
+class ResourceIdBase {
+ public:
+  constexpr ResourceIdBase() noexcept = default;
+  constexpr ResourceIdBase(ResourceType type, U64 id) noexcept : type_(type), id_(id) {}
+  constexpr ResourceType type() const noexcept { return type_; }
+  constexpr U64 id() const noexcept { return id_; }
+  constexpr bool isNull() const noexcept { return type_ == ResourceType::none_; }
+  constexpr U32 hash() const noexcept { return resourceIdHash(static_cast<U32>(type_), id_); }
+  friend constexpr bool operator==(const ResourceIdBase&, const ResourceIdBase&) noexcept = default;
+  friend constexpr bool operator<(const ResourceIdBase& a, const ResourceIdBase& b) noexcept {
+    return a.type_ != b.type_ ? a.type_ < b.type_ : a.id_ < b.id_;
+  }
+
+ private:
+  ResourceType type_ = ResourceType::none_;
+  U64 id_ = 0;
+};
+
+struct PhysicalTag;
+struct LogicalTag;
+using PhysicalResourceId = ResourceIdBase<PhysicalTag>;
+using LogicalResourceId = ResourceIdBase<LogicalTag>;
+KEL_EXPORT std::ostream& operator<<(std::ostream& os, const PhysicalResourceId& r);
+KEL_EXPORT std::ostream& operator<<(std::ostream& os, const LogicalResourceId& r);
+
+// A physical id of a constant type: tables (1) key the per-table cache counters, registers
+// (2) the per-register ones.
+template <ResourceType kType, U32 kHashState>
+class FixedTypeResourceId {
+ public:
+  constexpr FixedTypeResourceId() noexcept = default;
+  constexpr explicit FixedTypeResourceId(U64 id) noexcept : id_(id) {}
+  static constexpr ResourceType type() noexcept { return kType; }
+  constexpr U64 id() const noexcept { return id_; }
+  constexpr U32 hash() const noexcept { return oneAtATimeFinish(oneAtATimeBytes(kHashState, id_, 8)); }
+  constexpr PhysicalResourceId resourceId() const noexcept { return {kType, id_}; }
+  friend constexpr bool operator==(FixedTypeResourceId, FixedTypeResourceId) noexcept = default;
+  friend constexpr bool operator<(FixedTypeResourceId a, FixedTypeResourceId b) noexcept {
+    return a.id_ < b.id_;
+  }
+
+ private:
+  U64 id_ = 0;
+};
+using PhysicalTableId = FixedTypeResourceId<ResourceType::tableResource_, kTableTypeHashState>;
+using PhysicalRegisterId =
+    FixedTypeResourceId<ResourceType::registerResource_, kRegisterTypeHashState>;
+
+// Requester commands. The two bulk commands have fixed codes.
+enum class Command : U32 {
+  writeCmd_ = 0,
+  readCmd_ = 1,
+  bulkWriteCmd_ = 2,
+  bulkReadCmd_ = 3,
+  blockingWriteCmd_ = 4,
+  freeCmd_ = 5,
+};
+constexpr Command bulkWriteCmd() noexcept { return Command::bulkWriteCmd_; }
+constexpr Command bulkReadCmd() noexcept { return Command::bulkReadCmd_; }
+KEL_EXPORT std::ostream& operator<<(std::ostream& os, Command c);
+
+// One DAL channel towards a serializer (8-bit, handed out in creation order).
+class DalId {
+ public:
+  constexpr DalId() noexcept : value_(0) {}
+  constexpr DalId(U8 v) noexcept : value_(v) {}
+  constexpr U8 value() const noexcept { return value_; }
+  friend constexpr bool operator==(DalId, DalId) noexcept = default;
+  friend constexpr auto operator<=>(DalId, DalId) noexcept = default;
+  friend std::ostream& operator<<(std::ostream& os, DalId d) {
+    return os << static_cast<unsigned>(d.value_);
+  }
+
+ private:
+  U8 value_;
+};
+
+// The local shadow table of one (device, table resource).
+class CacheTableIndex {
+ public:
+  CacheTableIndex() = default;
+  CacheTableIndex(DeviceId devId, const PhysicalResourceId& prid) : devId_(devId), prid_(prid) {}
+  DeviceId devId() const noexcept { return devId_; }
+  const PhysicalResourceId& prid() const noexcept { return prid_; }
+  friend bool operator==(const CacheTableIndex&, const CacheTableIndex&) noexcept = default;
+  friend bool operator<(const CacheTableIndex& a, const CacheTableIndex& b) noexcept {
+    return a.devId_ != b.devId_ ? a.devId_ < b.devId_ : a.prid_ < b.prid_;
+  }
+
+ private:
+  DeviceId devId_;
+  PhysicalResourceId prid_;
+};
+KEL_EXPORT std::ostream& operator<<(std::ostream& os, const CacheTableIndex& i);
+
+// The largest byte count one bulk access may carry: the largest whole number of 32-bit
+// words that still fits the 16-bit size of the shadow path, so that the size handed to the
+// shadow hooks of a bulk access is never cut short.
+constexpr U32 maxBulkTransactionSizeInBytes() noexcept { return 65532; }
+
+}  // namespace Zorvek
+
+template <class Tag>
+struct std::hash<Zorvek::ResourceIdBase<Tag>> {
+  std::size_t operator()(const Zorvek::ResourceIdBase<Tag>& r) const noexcept { return r.hash(); }
+};
+template <Zorvek::ResourceType T, Zorvek::U32 S>
+struct std::hash<Zorvek::FixedTypeResourceId<T, S>> {
+  std::size_t operator()(const Zorvek::FixedTypeResourceId<T, S>& r) const noexcept {
+    return r.hash();
+  }
+};
+template <>
+struct std::hash<Zorvek::DalId> {
+  std::size_t operator()(Zorvek::DalId d) const noexcept { return d.value(); }
+};

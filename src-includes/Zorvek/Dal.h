@@ -1,0 +1,167 @@
+// Zorvek::Dal: the data access layer an agent calls to read and write device resources.
+//
+// It is abstract: the accesses and the fan-out operations are supplied by the requester DALs
+// and the demultiplexing DAL. The Dal holds the access policy flags every concrete DAL obeys,
+// the DalHelper that knows the device, and the cache hit / miss statistics that concrete DALs
+// update through the four doUpdateCache...() helpers.
+//
+//   Kel::Ptr<Dal> dal = creator->demuxDal();
+//   dal->dalWrite(oneDeviceMask(0), offset, size, data, optArg);   // 0 success, -1 failure
+//
+// Used from the agent's activity thread only.
+#pragma once
+
+#include <unordered_map>
+
+#include "Kel/Entity.h"
+#include "Kel/Notifiee.h"
+#include "Kel/String.h"
+#include "Zorvek/CoprocessorChecker.h"
+#include "Zorvek/DalHelper.h"
+#include "Zorvek/Types.h"
+
+// The accessors of one per-resource U64 counter collection: read (0 when absent), set,
+// delete one, delete all, and the whole collection for iteration.
+#define ZORVEK_DAL_COUNTER_COLLECTION(name, Key)                                  \
+ public:                                                                          \
+  U64 name(const Key& k) const {                                                  \
+    auto it = name##_.find(k);                                                    \
+    return it == name##_.end() ? 0 : it->second;                                  \
+  }                                                                               \
+  void name##Is(const Key& k, U64 v) { name##_[k] = v; }                          \
+  void name##Del(const Key& k) { name##_.erase(k); }                              \
+  void name##DelAll() { name##_.clear(); }                                        \
+  const std::unordered_map<Key, U64>& name##Col() const { return name##_; }       \
+                                                                                  \
+ private:                                                                         \
+  std::unordered_map<Key, U64> name##_;
+
+namespace Zorvek {
+
+class KEL_EXPORT Dal : public Kel::Entity {
+  KEL_ENTITY_TYPE(Dal)
+
+ public:
+  // Observer of a Dal; every callback does nothing unless overridden.
+  class NotifieeConst : public Kel::NotifieeConst<Dal> {
+   public:
+    virtual void onReady() {}
+    virtual void onReclaimWhenProgrammed() {}
+    virtual void onHwAccessAllowed() {}
+  };
+  // Observer that may change the Dal it observes.
+  class Notifiee : public NotifieeConst {
+   public:
+    Kel::Ptr<Dal> notifier() const {
+      return Kel::Ptr<Dal>(const_cast<Dal*>(NotifieeConst::notifier().ptr()));
+    }
+  };
+
+  explicit Dal(Kel::Name name);
+
+  // The accesses and fan-out operations. The base versions assert: every concrete DAL
+  // supplies them.
+  virtual void initLocalCache(DeviceId devId, bool coldStart);
+  virtual void waitForCompletion(DeviceId devId);
+  virtual void waitForCompletionDefaultDal(DeviceId devId);
+  virtual S32 dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
+                       const void* data, void* optArg);
+  virtual S32 dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg);
+  virtual S32 dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,
+                           const void* data, void* optArg);
+  virtual S32 dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data,
+                          void* optArg);
+  // Writes the DAL's fields to `fd` as the inside of a dictionary literal, with no newline.
+  virtual void showDalState(U32 fd);
+  virtual void handleCoprocessorChecker();
+
+  // Option setters; virtual so that a demultiplexing DAL can pass each option on.
+  // reclaimWhenProgrammedIs and hwAccessAllowedIs notify, and only on change.
+  virtual void reclaimWhenProgrammedIs(bool v);
+  virtual void hwAccessAllowedIs(bool v);
+  virtual void helperIs(const Kel::Ptr<DalHelper>& h);
+  virtual void blockingIs(bool v) { blocking_ = v; }
+  virtual void verifyEnabledIs(bool v) { verifyEnabled_ = v; }
+  virtual void forceReadFromShadowIs(bool v) { forceReadFromShadow_ = v; }
+  virtual void okToReadFromShadowIs(bool v) { okToReadFromShadow_ = v; }
+  virtual void okToWriteToShadowIs(bool v) { okToWriteToShadow_ = v; }
+  virtual void skipHwWriteIfShadowHitIs(bool v) { skipHwWriteIfShadowHit_ = v; }
+
+  const Kel::Name& name() const { return name_; }
+  const Kel::Ptr<DalHelper>& helper() const { return helper_; }
+  bool ready() const { return ready_; }
+  // Notifies onReady() on change only.
+  void readyIs(bool v);
+  bool blocking() const { return blocking_; }
+  bool reclaimWhenProgrammed() const { return reclaimWhenProgrammed_; }
+  bool verifyEnabled() const { return verifyEnabled_; }
+  bool hwAccessAllowed() const { return hwAccessAllowed_; }
+  bool forceReadFromShadow() const { return forceReadFromShadow_; }
+  bool okToReadFromShadow() const { return okToReadFromShadow_; }
+  bool okToWriteToShadow() const { return okToWriteToShadow_; }
+  bool skipHwWriteIfShadowHit() const { return skipHwWriteIfShadowHit_; }
+
+  const Kel::Ptr<CoprocessorChecker>& coprocessorChecker() const { return coprocessorChecker_; }
+  // Stores the checker and runs handleCoprocessorChecker(), also when the value is unchanged;
+  // only handing back the attribute's own stored reference does nothing.
+  void coprocessorCheckerIs(const Kel::Ptr<CoprocessorChecker>& c);
+
+  U64 cacheReadHits() const { return cacheReadHits_; }
+  U64 cacheReadMisses() const { return cacheReadMisses_; }
+  U64 cacheWriteHits() const { return cacheWriteHits_; }
+  U64 cacheWriteMisses() const { return cacheWriteMisses_; }
+  void cacheReadHitsIs(U64 v) { cacheReadHits_ = v; }
+  void cacheReadMissesIs(U64 v) { cacheReadMisses_ = v; }
+  void cacheWriteHitsIs(U64 v) { cacheWriteHits_ = v; }
+  void cacheWriteMissesIs(U64 v) { cacheWriteMisses_ = v; }
+  void cacheReadHitsInc(U64 d) { cacheReadHits_ += d; }
+  void cacheReadMissesInc(U64 d) { cacheReadMisses_ += d; }
+  void cacheWriteHitsInc(U64 d) { cacheWriteHits_ += d; }
+  void cacheWriteMissesInc(U64 d) { cacheWriteMisses_ += d; }
+
+  ZORVEK_DAL_COUNTER_COLLECTION(cacheReadRegHits, PhysicalRegisterId)
+  ZORVEK_DAL_COUNTER_COLLECTION(cacheReadRegMisses, PhysicalRegisterId)
+  ZORVEK_DAL_COUNTER_COLLECTION(cacheReadTableHits, PhysicalTableId)
+  ZORVEK_DAL_COUNTER_COLLECTION(cacheReadTableMisses, PhysicalTableId)
+  ZORVEK_DAL_COUNTER_COLLECTION(cacheWriteTableHits, PhysicalTableId)
+  ZORVEK_DAL_COUNTER_COLLECTION(cacheWriteTableMisses, PhysicalTableId)
+
+ public:
+  Kel::NotifieeList<Dal>& notifiees() const { return notifiees_; }
+
+ protected:
+  ~Dal() override;
+
+  // Cache statistics: each adds 1 to its total, then to the counter of the resource at the
+  // offset (per table for tables; per register for every other type on reads; writes keep
+  // no per-register counters).
+  void doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg);
+  void doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg);
+  void doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg);
+  void doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg);
+
+  // Plain stores for derived setters that order storing, reacting and notifying themselves.
+  void storeHwAccessAllowed(bool v) { hwAccessAllowed_ = v; }
+  void storeReclaimWhenProgrammed(bool v) { reclaimWhenProgrammed_ = v; }
+
+ private:
+  Kel::Name name_;
+  Kel::Ptr<DalHelper> helper_;
+  bool ready_ = false;
+  bool blocking_ = false;
+  bool reclaimWhenProgrammed_ = false;
+  bool verifyEnabled_ = false;
+  bool hwAccessAllowed_ = true;
+  bool forceReadFromShadow_ = false;
+  bool okToReadFromShadow_ = true;
+  bool okToWriteToShadow_ = true;
+  bool skipHwWriteIfShadowHit_ = false;
+  U64 cacheReadHits_ = 0;
+  U64 cacheReadMisses_ = 0;
+  U64 cacheWriteHits_ = 0;
+  U64 cacheWriteMisses_ = 0;
+  Kel::Ptr<CoprocessorChecker> coprocessorChecker_;
+  mutable Kel::NotifieeList<Dal> notifiees_;
+};
+
+}  // namespace Zorvek

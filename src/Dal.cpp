@@ -1,0 +1,123 @@
+#include "Zorvek/Dal.h"
+
+#include <cstdio>
+
+#include "Kel/Assert.h"
+
+namespace Zorvek {
+
+KEL_DEFINE_ENTITY_TYPE(Dal, "Zorvek::Dal")
+
+namespace {
+
+const char* pyBool(bool v) { return v ? "True" : "False"; }
+
+}  // namespace
+
+Dal::Dal(Kel::Name name) : name_(std::move(name)) {}
+
+Dal::~Dal() = default;
+
+void Dal::initLocalCache(DeviceId, bool) { KEL_ASSERT(0 && "Must be implemented by derived class"); }
+void Dal::waitForCompletion(DeviceId) { KEL_ASSERT(0 && "Must be implemented by derived class"); }
+void Dal::waitForCompletionDefaultDal(DeviceId) {
+  KEL_ASSERT(0 && "Must be implemented by derived class");
+}
+
+S32 Dal::dalWrite(const TargetMask&, DeviceOffset, U16, const void*, void*) {
+  KEL_ASSERT(0);
+  return -1;
+}
+
+S32 Dal::dalRead(DeviceId, DeviceOffset, U16, void*, void*) {
+  KEL_ASSERT(0);
+  return -1;
+}
+
+S32 Dal::dalBulkWrite(const TargetMask&, DeviceOffset, U32, const void*, void*) {
+  KEL_ASSERT(0);
+  return -1;
+}
+
+S32 Dal::dalBulkRead(DeviceId, DeviceOffset, U32, void*, void*) {
+  KEL_ASSERT(0);
+  return -1;
+}
+
+void Dal::handleCoprocessorChecker() { KEL_ASSERT(0 && "Must be implemented by derived class"); }
+
+void Dal::showDalState(U32 fd) {
+  const int f = static_cast<int>(fd);
+  dprintf(f, "'name':'%s',", name_.c_str());
+  dprintf(f, "'hwAccessAllowed':%s,", pyBool(hwAccessAllowed_));
+  dprintf(f, "'forceReadFromShadow':%s,", pyBool(forceReadFromShadow_));
+  dprintf(f, "'okToReadFromShadow':%s,", pyBool(okToReadFromShadow_));
+  dprintf(f, "'okToWriteToShadow':%s,", pyBool(okToWriteToShadow_));
+  dprintf(f, "'skipHwWriteIfShadowHit':%s,", pyBool(skipHwWriteIfShadowHit_));
+  dprintf(f, "'verifyEnabled':%s,", pyBool(verifyEnabled_));
+  dprintf(f, "'blocking':%s,", pyBool(blocking_));
+  dprintf(f, "'cacheReadHits':%llu, ", static_cast<unsigned long long>(cacheReadHits_));
+  dprintf(f, "'cacheReadMisses':%llu, ", static_cast<unsigned long long>(cacheReadMisses_));
+  dprintf(f, "'cacheWriteHits':%llu, ", static_cast<unsigned long long>(cacheWriteHits_));
+  dprintf(f, "'cacheWriteMisses':%llu, ", static_cast<unsigned long long>(cacheWriteMisses_));
+}
+
+void Dal::readyIs(bool v) {
+  if (v == ready_) return;
+  ready_ = v;
+  notifiees_.visit(&NotifieeConst::onReady);
+}
+
+void Dal::reclaimWhenProgrammedIs(bool v) {
+  if (v == reclaimWhenProgrammed_) return;
+  reclaimWhenProgrammed_ = v;
+  notifiees_.visit(&NotifieeConst::onReclaimWhenProgrammed);
+}
+
+void Dal::hwAccessAllowedIs(bool v) {
+  if (v == hwAccessAllowed_) return;
+  hwAccessAllowed_ = v;
+  notifiees_.visit(&NotifieeConst::onHwAccessAllowed);
+}
+
+void Dal::helperIs(const Kel::Ptr<DalHelper>& h) { helper_ = h; }
+
+void Dal::coprocessorCheckerIs(const Kel::Ptr<CoprocessorChecker>& c) {
+  if (&c == &coprocessorChecker_) return;
+  if (c != coprocessorChecker_) coprocessorChecker_ = c;
+  handleCoprocessorChecker();
+}
+
+void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
+  cacheReadHits_ += 1;
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  if (rid.type() == ResourceType::tableResource_)
+    cacheReadTableHits_[PhysicalTableId(rid.id())] += 1;
+  else
+    cacheReadRegHits_[PhysicalRegisterId(rid.id())] += 1;
+}
+
+void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
+  cacheReadMisses_ += 1;
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  if (rid.type() == ResourceType::tableResource_)
+    cacheReadTableMisses_[PhysicalTableId(rid.id())] += 1;
+  else
+    cacheReadRegMisses_[PhysicalRegisterId(rid.id())] += 1;
+}
+
+void Dal::doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg) {
+  cacheWriteHits_ += 1;
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  if (rid.type() == ResourceType::tableResource_)
+    cacheWriteTableHits_[PhysicalTableId(rid.id())] += 1;
+}
+
+void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
+  cacheWriteMisses_ += 1;
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  if (rid.type() == ResourceType::tableResource_)
+    cacheWriteTableMisses_[PhysicalTableId(rid.id())] += 1;
+}
+
+}  // namespace Zorvek

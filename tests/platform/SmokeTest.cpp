@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "Zorvek/Dal.h"
+TEST(Smoke, Builds) { EXPECT_TRUE(true); }
