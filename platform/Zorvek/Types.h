@@ -52,14 +52,16 @@ class TargetMask {
   // Sets or clears one target. Asserts "target < TargetId::max()", and that an alias target
   // is set only in an empty mask and cleared only from a mask of one target.
   void targetIdIs(TargetId target, bool val) {
-    KEL_ASSERT(target.value() < TargetId::max());
+    KEL_ASSERT_TEXT(target.value() < TargetId::max(), "target < TargetId::max()");
     KEL_ASSERT_TEXT(!target.alias() || (val && (targets() == 0)) || (!val && (targets() == 1)),
                     "!target.alias() || (val && (targets() == 0)) || (!val && (targets() == 1))");
     mask_.fapIdIs(Corvane::FapId(target.value()), val);
   }
   bool targetId(TargetId t) const noexcept { return mask_.fapId(Corvane::FapId(t.value())); }
   // The first device of the mask (the null device when empty).
-  DeviceId firstDevice() const noexcept { return mask_.nextFapId(Corvane::FapId(Corvane::FapId::null)); }
+  DeviceId firstDevice() const noexcept {
+    return mask_.nextFapId(Corvane::FapId(Corvane::FapId::null));
+  }
   const Corvane::Fapmask& fapmask() const noexcept { return mask_; }
   friend bool operator==(const TargetMask&, const TargetMask&) noexcept = default;
 
@@ -145,7 +147,9 @@ class FixedTypeResourceId {
   constexpr explicit FixedTypeResourceId(U64 id) noexcept : id_(id) {}
   static constexpr ResourceType type() noexcept { return kType; }
   constexpr U64 id() const noexcept { return id_; }
-  constexpr U32 hash() const noexcept { return oneAtATimeFinish(oneAtATimeBytes(kHashState, id_, 8)); }
+  constexpr U32 hash() const noexcept {
+    return oneAtATimeFinish(oneAtATimeBytes(kHashState, id_, 8));
+  }
   constexpr PhysicalResourceId resourceId() const noexcept { return {kType, id_}; }
   friend constexpr bool operator==(FixedTypeResourceId, FixedTypeResourceId) noexcept = default;
   friend constexpr bool operator<(FixedTypeResourceId a, FixedTypeResourceId b) noexcept {
