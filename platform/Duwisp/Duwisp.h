@@ -24,7 +24,9 @@ namespace Duwisp {
 namespace detail {
 
 template <class T>
-concept Streamable = requires(std::ostream& os, const T& v) { os << v; };
+concept Streamable = requires(std::ostream& os, const T& v) {
+  os << v;
+};
 
 // One argument converted to a Kwisp value; holds the text of a streamed value.
 class Arg {
@@ -38,6 +40,9 @@ class Arg {
       value_ = integer(static_cast<std::underlying_type_t<U>>(x));
     } else if constexpr (std::is_integral_v<U>) {
       value_ = integer(x);
+    } else if constexpr (std::is_pointer_v<U> && std::is_convertible_v<U, std::string_view>) {
+      // A null C string (getenv() of an unset variable, say) is traced, not dereferenced.
+      value_ = {Kwisp::Tag::string, 0, x ? std::string_view(x) : std::string_view("(null)")};
     } else if constexpr (std::is_convertible_v<const U&, std::string_view>) {
       value_ = {Kwisp::Tag::string, 0, std::string_view(x)};
     } else if constexpr (std::is_pointer_v<U>) {
@@ -70,26 +75,51 @@ KEL_EXPORT void emitValues(const Kwisp::Descriptor& d, const Kwisp::Value* value
 
 }  // namespace detail
 
+// Converts the arguments and hands them to `sink` (both sinks, or the ring only).
 template <class... A>
-void emit(const Kwisp::Descriptor& d, const A&... args) {
+void convertTo(void (*sink)(const Kwisp::Descriptor&, const Kwisp::Value*, std::size_t),
+               const Kwisp::Descriptor& d, const A&... args) {
   if constexpr (sizeof...(A) == 0) {
-    detail::emitValues(d, nullptr, 0);
+    sink(d, nullptr, 0);
   } else {
     const detail::Arg held[] = {detail::Arg(args)...};
     Kwisp::Value values[sizeof...(A)];
     for (std::size_t i = 0; i < sizeof...(A); ++i) values[i] = held[i].value();
-    detail::emitValues(d, values, sizeof...(A));
+    sink(d, values, sizeof...(A));
   }
+}
+
+// Writes each sink of `d` that is on at its level.
+template <class... A>
+void emit(const Kwisp::Descriptor& d, const A&... args) {
+  convertTo(&detail::emitValues, d, args...);
+}
+
+// Writes the ring record of `d` only.
+template <class... A>
+void record(const Kwisp::Descriptor& d, const A&... args) {
+  convertTo(&Kwisp::record, d, args...);
 }
 
 }  // namespace Duwisp
 
-#define DUWISP_TRACE(handle, level, format, ...)                                          \
-  do {                                                                                    \
-    const ::Kel::TraceHandle& duwispHandle_ = (handle);                                   \
-    if (duwispHandle_.anyEnabled(level)) [[unlikely]] {                                   \
-      static const ::Kwisp::Descriptor duwispDescriptor_(duwispHandle_, level, __FILE__,  \
-                                                         __LINE__, __func__, format);     \
-      ::Duwisp::emit(duwispDescriptor_ __VA_OPT__(, ) __VA_ARGS__);                       \
-    }                                                                                     \
+#define DUWISP_TRACE(handle, level, format, ...)                                                   \
+  do {                                                                                             \
+    const ::Kel::TraceHandle& duwispHandle_ = (handle);                                            \
+    if (duwispHandle_.anyEnabled(level)) [[unlikely]] {                                            \
+      static const ::Kwisp::Descriptor duwispDescriptor_(duwispHandle_, level, __FILE__, __LINE__, \
+                                                         __func__, format);                        \
+      ::Duwisp::emit(duwispDescriptor_ __VA_OPT__(, ) __VA_ARGS__);                                \
+    }                                                                                              \
+  } while (0)
+
+// A ring-only trace point: the Kwisp record, never the text trace.
+#define KWISP_TRACE(handle, level, format, ...)                                                  \
+  do {                                                                                           \
+    const ::Kel::TraceHandle& kwispHandle_ = (handle);                                           \
+    if (kwispHandle_.ringEnabled(level)) [[unlikely]] {                                          \
+      static const ::Kwisp::Descriptor kwispDescriptor_(kwispHandle_, level, __FILE__, __LINE__, \
+                                                        __func__, format);                       \
+      ::Duwisp::record(kwispDescriptor_ __VA_OPT__(, ) __VA_ARGS__);                             \
+    }                                                                                            \
   } while (0)
