@@ -102,13 +102,15 @@ const char* baseName(const char* path) {
 
 std::uint32_t parseTraceLevels(std::string_view levels) {
   auto digit = [&](char c) {
-    if (c < '0' || c > '9') throw std::invalid_argument("bad trace level in '" + std::string(levels) + "'");
+    if (c < '0' || c > '9')
+      throw std::invalid_argument("bad trace level in '" + std::string(levels) + "'");
     return static_cast<unsigned>(c - '0');
   };
   if (levels.size() == 1) return 1u << digit(levels[0]);
   if (levels.size() == 3 && levels[1] == '-') {
     const unsigned lo = digit(levels[0]), hi = digit(levels[2]);
-    if (lo > hi) throw std::invalid_argument("empty trace level range '" + std::string(levels) + "'");
+    if (lo > hi)
+      throw std::invalid_argument("empty trace level range '" + std::string(levels) + "'");
     return ((1u << (hi + 1)) - 1) & ~((1u << lo) - 1);
   }
   throw std::invalid_argument("bad trace levels '" + std::string(levels) + "' (want N or N-M)");
@@ -162,6 +164,8 @@ void traceText(const TraceHandle& handle, unsigned level, const char* file, int 
   FILE* out = s.file ? s.file : stderr;
   std::fprintf(out, "%s/%u %s:%d %s: %.*s\n", handle.name().c_str(), level, baseName(file), line,
                function, static_cast<int>(message.size()), message.data());
+  // The lines before an assertion's abort are the ones most wanted: never leave them buffered.
+  std::fflush(out);
 }
 
 TraceCapture::TraceCapture() {
