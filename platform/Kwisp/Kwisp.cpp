@@ -30,7 +30,9 @@ struct Ring {
   std::vector<unsigned char> slots = std::vector<unsigned char>(kDefaultSlots * kSlotBytes);
   std::uint64_t next = 0;
   std::mutex descriptorMutex;
-  std::vector<const Descriptor*> descriptors;  // index = id - 1
+  // The texts of every descriptor ever built, copied when it is built: records keep decoding
+  // after a trace point is gone (its library unloaded, or a descriptor that was not static).
+  std::map<std::uint32_t, DescriptorText> descriptors;
 };
 
 Ring& ring() {
@@ -95,7 +97,8 @@ std::vector<Value> decodeArgs(const unsigned char* slot, std::uint64_t seq) {
       case Tag::string: {
         if (p >= end) throw bad("truncated string argument");
         const std::size_t len = *p++;
-        if (static_cast<std::size_t>(end - p) < len) throw bad("string argument beyond the payload");
+        if (static_cast<std::size_t>(end - p) < len)
+          throw bad("string argument beyond the payload");
         v.text = std::string_view(reinterpret_cast<const char*>(p), len);
         p += len;
         break;
@@ -129,8 +132,8 @@ std::vector<std::string> decodeSlots(const unsigned char* slots, std::size_t cou
     char stamp[48];
     std::snprintf(stamp, sizeof stamp, "%" PRIu64 ".%09" PRIu64, ns / 1000000000, ns % 1000000000);
     std::string line = std::to_string(seq) + " " + stamp + " " + d.handle + "/" +
-                       std::to_string(d.level) + " " + d.file + ":" + std::to_string(d.line) +
-                       " " + d.function + ": " + render(d.format, args.data(), args.size());
+                       std::to_string(d.level) + " " + d.file + ":" + std::to_string(d.line) + " " +
+                       d.function + ": " + render(d.format, args.data(), args.size());
     if (s[21] & 1) line += " [truncated]";
     lines.push_back(std::move(line));
   }
@@ -144,12 +147,10 @@ DescriptorText textOf(const Descriptor& d) {
   return {d.level(), d.line(), d.handle().name(), file, d.function(), d.format()};
 }
 
-std::map<std::uint32_t, DescriptorText> liveDescriptors() {
+std::map<std::uint32_t, DescriptorText> knownDescriptors() {
   Ring& r = ring();
   std::lock_guard lock(r.descriptorMutex);
-  std::map<std::uint32_t, DescriptorText> out;
-  for (const Descriptor* d : r.descriptors) out.emplace(d->id(), textOf(*d));
-  return out;
+  return r.descriptors;
 }
 
 // Reads the dump format with bounds checks on every field.
@@ -183,7 +184,8 @@ class Reader {
  private:
   void need(std::size_t n, const char* what) {
     if (b_.size() - pos_ < n)
-      throw DecodeError(std::string("truncated dump: ") + what + " at byte " + std::to_string(pos_));
+      throw DecodeError(std::string("truncated dump: ") + what + " at byte " +
+                        std::to_string(pos_));
   }
   std::string_view b_;
   std::size_t pos_ = 0;
@@ -201,14 +203,18 @@ void putNum(std::string& out, T v) {
 
 }  // namespace
 
-Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const char* file,
-                       int line, const char* function, const char* format)
-    : handle_(&handle), level_(level), file_(file), line_(line), function_(function),
+Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const char* file, int line,
+                       const char* function, const char* format)
+    : handle_(&handle),
+      level_(level),
+      file_(file),
+      line_(line),
+      function_(function),
       format_(format) {
   Ring& r = ring();
   std::lock_guard lock(r.descriptorMutex);
-  r.descriptors.push_back(this);
-  id_ = static_cast<std::uint32_t>(r.descriptors.size());
+  id_ = static_cast<std::uint32_t>(r.descriptors.size() + 1);
+  r.descriptors.emplace(id_, textOf(*this));
 }
 
 void record(const Descriptor& d, const Value* values, std::size_t count) {
@@ -275,14 +281,14 @@ std::string render(std::string_view format, const Value* values, std::size_t cou
 
 std::vector<std::string> decode() {
   Ring& r = ring();
-  return decodeSlots(r.slots.data(), r.slots.size() / kSlotBytes, liveDescriptors());
+  return decodeSlots(r.slots.data(), r.slots.size() / kSlotBytes, knownDescriptors());
 }
 
 void dump(const std::string& path) {
   Ring& r = ring();
   std::string out(kMagic, sizeof kMagic);
   putNum<std::uint32_t>(out, kVersion);
-  auto descs = liveDescriptors();
+  auto descs = knownDescriptors();
   putNum<std::uint32_t>(out, static_cast<std::uint32_t>(descs.size()));
   for (auto& [id, d] : descs) {
     putNum<std::uint32_t>(out, id);
@@ -319,8 +325,8 @@ std::vector<std::string> decodeBytes(std::string_view bytes) {
     d.function = in.str("descriptor function");
     d.format = in.str("descriptor format");
     if (d.level >= Kel::kTraceLevels)
-      throw DecodeError("descriptor " + std::to_string(id) + ": level " +
-                        std::to_string(d.level) + " out of range");
+      throw DecodeError("descriptor " + std::to_string(id) + ": level " + std::to_string(d.level) +
+                        " out of range");
     descs.emplace(id, std::move(d));
   }
   if (in.num<std::uint32_t>("slot size") != kSlotBytes)
