@@ -1,0 +1,135 @@
+// Zorvek::CacheTable: the local shadow of one hardware table (one device, one table
+// resource) that belongs to another agent's serializer. The agent that writes entries of
+// such a table keeps their data here, so that it can serve shadow reads and replay its
+// entries when the serializer restarts.
+//
+//   auto table = Kel::allocate<Zorvek::CacheTable>(agentId, CacheTableIndex(dev, rid), n, 16);
+//   table->entryIs(offset, table->initialEntryData(), true);   // first use: allocate
+//   table->writeEntryData(offset, data, true);                 // whole entry, eligible
+//   table->readEntryData(offset, out, 16);
+//
+// Entries are allocated lazily, keyed by device offset, and numbered by first use (entry
+// index 0, 1, ...); at most numEntries() offsets can be in use. An entry stays in use until a
+// cold restart; its data pointer is stable for that long.
+//
+// Hardware-write eligibility: an entry becomes eligible when writeEntryData() stores data
+// with hardware access allowed, that is when the data has been (or is about to be) written
+// to the serializer; a later write with hardware access off keeps it eligible, since the
+// serializer then still holds an earlier version that a replay must restore. Allocation
+// alone (entryIs) never makes an entry eligible: its initial data comes from the table, not
+// from the agent, and replaying it could overwrite bytes that another agent wrote.
+//
+// Restarts: doRestart(true) (cold: the serializer has just been asked to free everything
+// this agent owned) forgets every entry, its data and its eligibility, and releases their
+// memory; doRestart(false) (warm: the serializer kept its entries) keeps everything.
+//
+// Memory: the data of the entries lives in chunks of 64 entries (never more entries than
+// the table has), so an entry costs entrySize bytes of data plus about 4.3 bytes of chunk
+// bookkeeping (its offset and eligibility bit), plus 8 bytes per slot of the offset index,
+// which is kept between 3/8 and 3/4 full: 11 to 22 bytes. One entry in use therefore costs
+// entrySize + 15 to 26 bytes; a table also holds one zero-filled initial entry and, once
+// used, at least one chunk.
+//
+// Used from the agent's activity thread only.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "Kel/Entity.h"
+#include "Zorvek/Types.h"
+
+namespace Zorvek {
+
+class KEL_EXPORT CacheTable : public Kel::Entity {
+  KEL_ENTITY_TYPE(CacheTable)
+
+ public:
+  // The entry index of an offset that is not in use.
+  static constexpr U32 kNoEntry = 0xFFFFFFFF;
+  static constexpr U32 kEntriesPerChunk = 64;
+
+  // An empty table of numEntries entries of entrySize bytes, owned by agentId. Asserts
+  // "entrySize > 0".
+  CacheTable(AgentId agentId, const CacheTableIndex& tableIndex, U32 numEntries, U32 entrySize);
+
+  AgentId agentId() const { return agentId_; }
+  const CacheTableIndex& tableIndex() const { return tableIndex_; }
+  U32 numEntries() const { return numEntries_; }
+  U32 entrySize() const { return entrySize_; }
+
+  // The entries collection: entries() offsets are in use, numbered 0..entries()-1 in the
+  // order of first use. entryOffset asserts "entryIndex < entries()".
+  U32 entries() const { return entries_; }
+  DeviceOffset entryOffset(U32 entryIndex) const;
+  // The index of the entry at `offset`, or kNoEntry.
+  U32 entryIndex(DeviceOffset offset) const;
+
+  // The entry's data (entrySize() bytes), or null when the offset is not in use.
+  const unsigned char* entryDataPtr(DeviceOffset offset) const;
+  unsigned char* entryDataPtr(DeviceOffset offset);
+
+  // Puts the entry at `offset` in use (if it is not) and fills it from `data` (entrySize()
+  // bytes). Allocating the numEntries()+1-th offset asserts "entries() < numEntries()".
+  // `hwAccessAllowed` is deliberately not used for eligibility: see the rule above.
+  void entryIs(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed);
+  // Copies a whole entry in; the entry must be in use (asserts "entryIndex( offset ) !=
+  // kNoEntry"). With hwAccessAllowed the entry becomes hardware-write eligible.
+  void writeEntryData(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed);
+  // Copies min(size, entrySize()) bytes of the entry out; the entry must be in use.
+  void readEntryData(DeviceOffset offset, unsigned char* data, U32 size) const;
+  // True when the entry is in use and eligible for a hardware write (a replay).
+  bool entryOffsetHwWriteEligible(DeviceOffset offset) const;
+
+  // Resets the restart state as described above, and counts the restart.
+  void doRestart(bool coldStart);
+  U32 restarts() const { return restarts_; }
+  // The argument of the last doRestart (false before any).
+  bool coldStart() const { return coldStart_; }
+
+  // The table's initial entry: entrySize() zero bytes, for allocating entries.
+  const unsigned char* initialEntryData() const { return initialEntryData_.data(); }
+
+  // Bytes held by the table's own buffers (allocator overhead not included).
+  std::size_t memoryBytes() const;
+
+ protected:
+  ~CacheTable() override;
+
+ private:
+  // One slot of the offset index (open addressing, linear probing); index kNoEntry: empty.
+  struct Slot {
+    DeviceOffset offset;
+    U32 index;
+  };
+  struct Chunk {
+    std::unique_ptr<unsigned char[]> data;
+    U64 eligible = 0;  // bit i: entry i of the chunk is hardware-write eligible
+    DeviceOffset offsets[kEntriesPerChunk];
+  };
+
+  std::size_t homeSlot(DeviceOffset offset) const;
+  // The position of the slot that holds `offset`, or of the empty slot where it would go.
+  std::size_t slotFor(DeviceOffset offset) const;
+  void growIndex();
+  U32 allocate(DeviceOffset offset);
+  // The index of an entry that must be in use.
+  U32 usedEntryIndex(DeviceOffset offset) const;
+  unsigned char* data(U32 index) const;
+  U32 chunkEntries(std::size_t chunk) const;
+
+  AgentId agentId_;
+  CacheTableIndex tableIndex_;
+  U32 numEntries_;
+  U32 entrySize_;
+  U32 entries_ = 0;
+  U32 restarts_ = 0;
+  bool coldStart_ = false;
+  unsigned indexBits_ = 0;  // the index has 2^indexBits_ slots (none while empty)
+  std::vector<Slot> slots_;
+  std::vector<std::unique_ptr<Chunk>> chunks_;
+  std::vector<unsigned char> initialEntryData_;
+};
+
+}  // namespace Zorvek

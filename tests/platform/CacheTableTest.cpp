@@ -1,0 +1,178 @@
+#include "Zorvek/CacheTable.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <vector>
+
+namespace Zorvek {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+
+constexpr U32 kEntrySize = 8;
+using Bytes = std::array<unsigned char, kEntrySize>;
+
+Kel::Ptr<CacheTable> makeTable(U32 numEntries, U32 entrySize = kEntrySize) {
+  return Kel::allocate<CacheTable>(AgentId(7),
+                                   CacheTableIndex(DeviceId(1), {ResourceType::tableResource_, 5}),
+                                   numEntries, entrySize);
+}
+
+Bytes pattern(unsigned char first) {
+  Bytes b;
+  for (U32 i = 0; i < kEntrySize; ++i) b[i] = static_cast<unsigned char>(first + i);
+  return b;
+}
+
+Bytes entry(const CacheTable& t, DeviceOffset offset) {
+  Bytes b;
+  t.readEntryData(offset, b.data(), kEntrySize);
+  return b;
+}
+
+class CacheTableTest : public ::testing::Test {
+ protected:
+  Kel::Ptr<CacheTable> table = makeTable(4);
+};
+
+TEST_F(CacheTableTest, EntriesAreAllocatedLazilyInOrderOfFirstUse) {
+  EXPECT_EQ(table->entryDataPtr(0x100), nullptr);
+  EXPECT_EQ(table->entryIndex(0x100), CacheTable::kNoEntry);
+  table->entryIs(0x100, table->initialEntryData(), true);
+  const Bytes p = pattern(1);
+  table->entryIs(0x40, p.data(), true);
+  table->entryIs(0x100, p.data(), true);  // already in use: refilled, not renumbered
+
+  EXPECT_EQ(table->entries(), 2u);
+  EXPECT_EQ(table->entryIndex(0x100), 0u);
+  EXPECT_EQ(table->entryIndex(0x40), 1u);
+  EXPECT_EQ(table->entryOffset(1), 0x40u);
+  EXPECT_EQ(entry(*table, 0x100), p);
+  EXPECT_THAT(
+      std::vector<unsigned char>(table->initialEntryData(), table->initialEntryData() + kEntrySize),
+      Each(0));
+}
+
+TEST_F(CacheTableTest, ReadCopiesAtMostOneEntry) {
+  table->entryIs(0x10, table->initialEntryData(), true);
+  const Bytes p = pattern(0x20);
+  table->writeEntryData(0x10, p.data(), true);
+  std::array<unsigned char, 2 * kEntrySize> out;
+  out.fill(0xEE);
+  table->readEntryData(0x10, out.data(), 3);
+  EXPECT_THAT(out, ElementsAre(0x20, 0x21, 0x22, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE,
+                               0xEE, 0xEE, 0xEE, 0xEE, 0xEE));
+  table->readEntryData(0x10, out.data(), out.size());
+  EXPECT_THAT(out, ElementsAre(0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0xEE, 0xEE, 0xEE,
+                               0xEE, 0xEE, 0xEE, 0xEE, 0xEE));
+}
+
+// One entry's history: allocation with a hardware-access flag, then writes with theirs.
+struct EligibilityCase {
+  const char* name;
+  bool allocatedWithHwAccess;
+  std::vector<bool> writesWithHwAccess;
+  bool eligible;
+  friend void PrintTo(const EligibilityCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class CacheTableEligibilityTest : public ::testing::TestWithParam<EligibilityCase> {};
+
+TEST_P(CacheTableEligibilityTest, EligibleOnceWrittenWithHwAccess) {
+  auto table = makeTable(4);
+  const EligibilityCase& c = GetParam();
+  table->entryIs(0x8, table->initialEntryData(), c.allocatedWithHwAccess);
+  const Bytes p = pattern(3);
+  for (bool hw : c.writesWithHwAccess) table->writeEntryData(0x8, p.data(), hw);
+  EXPECT_EQ(table->entryOffsetHwWriteEligible(0x8), c.eligible);
+  EXPECT_FALSE(table->entryOffsetHwWriteEligible(0x10));  // never in use
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Histories, CacheTableEligibilityTest,
+    ::testing::Values(EligibilityCase{"AllocatedOnly", true, {}, false},
+                      EligibilityCase{"WrittenWithoutHw", true, {false}, false},
+                      EligibilityCase{"WrittenWithHw", false, {true}, true},
+                      EligibilityCase{"StaysEligible", false, {true, false}, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+class CacheTableRestartTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(CacheTableRestartTest, ColdRestartForgetsEntriesWarmKeepsThem) {
+  const bool cold = GetParam();
+  auto table = makeTable(100);
+  const std::size_t emptyBytes = table->memoryBytes();
+  const Bytes p = pattern(9);
+  table->entryIs(0x30, p.data(), true);
+  table->writeEntryData(0x30, p.data(), true);
+  table->doRestart(cold);
+
+  EXPECT_EQ(table->restarts(), 1u);
+  EXPECT_EQ(table->coldStart(), cold);
+  EXPECT_EQ(table->entries(), cold ? 0u : 1u);
+  EXPECT_EQ(table->entryDataPtr(0x30) != nullptr, !cold);
+  EXPECT_EQ(table->entryOffsetHwWriteEligible(0x30), !cold);
+  if (cold) {
+    EXPECT_EQ(table->memoryBytes(), emptyBytes);
+    table->entryIs(0x50, p.data(), true);
+    EXPECT_EQ(table->entryIndex(0x50), 0u);  // numbering starts again
+  } else {
+    EXPECT_EQ(entry(*table, 0x30), p);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(ColdAndWarm, CacheTableRestartTest, ::testing::Bool());
+
+TEST(CacheTableGrowthTest, DataStaysPutAndFindableAcrossGrowth) {
+  auto table = makeTable(1000);
+  const Bytes first = pattern(0x40);
+  table->entryIs(0, first.data(), true);
+  const unsigned char* firstData = table->entryDataPtr(0);
+  for (U32 i = 1; i < 1000; ++i) {
+    const Bytes p = pattern(static_cast<unsigned char>(i));
+    table->entryIs(i * 0x40, p.data(), false);
+  }
+  EXPECT_EQ(table->entryDataPtr(0), firstData);
+  EXPECT_EQ(entry(*table, 0), first);
+  for (U32 i = 1; i < 1000; ++i) {
+    ASSERT_EQ(table->entryIndex(i * 0x40), i);
+    ASSERT_EQ(entry(*table, i * 0x40), pattern(static_cast<unsigned char>(i)));
+  }
+}
+
+// The overhead per entry in use, beyond its data, at fill levels that include the one just
+// after the offset index doubled (12289 entries: the index is least full there).
+class CacheTableMemoryTest : public ::testing::TestWithParam<U32> {};
+
+TEST_P(CacheTableMemoryTest, OverheadPerEntryWithin32Bytes) {
+  const U32 used = GetParam();
+  auto table = makeTable(20000);
+  const std::size_t emptyBytes = table->memoryBytes();
+  for (U32 i = 0; i < used; ++i) table->entryIs(i * 4, table->initialEntryData(), true);
+  const double perEntry =
+      double(table->memoryBytes() - emptyBytes - std::size_t{used} * kEntrySize) / used;
+  EXPECT_LE(perEntry, 32.0);
+  EXPECT_GE(perEntry, 4.0);  // offsets are accounted for
+}
+
+INSTANTIATE_TEST_SUITE_P(FillLevels, CacheTableMemoryTest, ::testing::Values(1000, 12289, 20000));
+
+TEST(CacheTableDeathTest, BrokenPreconditionsAbort) {
+  auto table = makeTable(2);
+  Bytes out;
+  table->entryIs(0x0, table->initialEntryData(), true);
+  table->entryIs(0x8, table->initialEntryData(), true);
+  EXPECT_DEATH(table->entryIs(0x10, table->initialEntryData(), true),
+               "Assertion failed: entries\\(\\) < numEntries\\(\\)");
+  EXPECT_DEATH(table->writeEntryData(0x10, out.data(), true),
+               "Assertion failed: entryIndex\\( offset \\) != kNoEntry");
+  EXPECT_DEATH(table->readEntryData(0x10, out.data(), kEntrySize),
+               "Assertion failed: entryIndex\\( offset \\) != kNoEntry");
+  EXPECT_DEATH(makeTable(2, 0), "Assertion failed: entrySize > 0");
+}
+
+}  // namespace
+}  // namespace Zorvek
