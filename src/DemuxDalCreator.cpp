@@ -1,0 +1,267 @@
+#include "Zorvek/DemuxDalCreator.h"
+
+#include <string>
+
+#include "Kel/Parse.h"
+
+namespace Zorvek {
+
+KEL_DEFINE_ENTITY_TYPE(DemuxDalCreator, "Zorvek::DemuxDalCreator")
+KEL_DEFINE_VALUE_TYPE(SerializerId, "Zorvek::SerializerId")
+KEL_DEFINE_ENTITY_TYPE(SerializerInfo, "Zorvek::SerializerInfo")
+
+namespace {
+
+// The collection writers of the creator share one shape: store or remove, then notify for
+// the key, and only when the collection changed.
+template <class Map, class Notify>
+void collectionIs(Map& map, const typename Map::key_type& key,
+                  const typename Map::mapped_type& value, Notify notify) {
+  auto [it, inserted] = map.try_emplace(key, value);
+  if (!inserted) {
+    if (it->second == value) return;
+    it->second = value;
+  }
+  notify(key);
+}
+
+template <class Map, class Notify>
+void collectionDel(Map& map, const typename Map::key_type& key, Notify notify) {
+  if (map.erase(key) != 0) notify(key);
+}
+
+template <class Map, class Notify>
+void collectionDelAll(Map& map, Notify notify) {
+  while (!map.empty()) {
+    // Each observer sees the collection without the key it is told about.
+    const typename Map::key_type key = map.begin()->first;
+    map.erase(map.begin());
+    notify(key);
+  }
+}
+
+// The notification of a collection writer: `onX(key)` on every observer of `creator`.
+template <class OnX>
+auto notifyFor(const DemuxDalCreator& creator, OnX onX) {
+  return [&creator, onX](const auto& key) { creator.notifiees().visit(onX, key); };
+}
+
+template <class Map>
+typename Map::mapped_type collectionValue(const Map& map, const typename Map::key_type& key) {
+  auto it = map.find(key);
+  return it == map.end() ? typename Map::mapped_type() : it->second;
+}
+
+}  // namespace
+
+// SerializerId
+
+SerializerId::SerializerId(Kel::String::IteratorConst begin, Kel::String::IteratorConst end) {
+  Kel::deserializeAttr(begin, end, "value", value_);
+  if (begin != end)
+    throw Kel::ParseError("unexpected text after attribute 'value' of Zorvek::SerializerId: \"" +
+                          std::string(begin, end) + "\"");
+}
+
+Kel::String valueToStrep(SerializerId id) { return Kel::valueToStrep(std::uint64_t{id.value()}); }
+
+std::ostream& operator<<(std::ostream& os, SerializerId id) { return os << valueToStrep(id); }
+
+// SerializerInfo
+
+template <class V>
+void SerializerInfo::store(V& field, const V& v, void (NotifieeConst::*onX)()) {
+  if (field == v) return;
+  field = v;
+  notifiees_.visit(onX);
+}
+
+void SerializerInfo::agentIdIs(AgentId v) { store(agentId_, v, &NotifieeConst::onAgentId); }
+void SerializerInfo::nameIs(const Kel::String& v) { store(name_, v, &NotifieeConst::onName); }
+void SerializerInfo::kickFifoNameIs(const Kel::String& v) {
+  store(kickFifoName_, v, &NotifieeConst::onKickFifoName);
+}
+void SerializerInfo::configDirNameIs(const Kel::String& v) {
+  store(configDirName_, v, &NotifieeConst::onConfigDirName);
+}
+void SerializerInfo::statusDirNameIs(const Kel::String& v) {
+  store(statusDirName_, v, &NotifieeConst::onStatusDirName);
+}
+
+// DemuxDalCreator
+
+DemuxDalCreator::DemuxDalCreator(
+    AgentId requesterAgentId,
+    const Kel::Ptr<const LogicalRemoteResourceIdCol>& logicalRemoteResources,
+    Kel::String coprocessorStatusAttrLogPath)
+    : requesterAgentId_(requesterAgentId),
+      logicalRemoteResources_(logicalRemoteResources),
+      coprocessorStatusAttrLogPath_(std::move(coprocessorStatusAttrLogPath)) {}
+
+DemuxDalCreator::~DemuxDalCreator() = default;
+
+Kel::Ptr<DemuxDalCreator> demuxDalCreatorFactory(
+    AgentId requesterAgentId,
+    const Kel::Ptr<const LogicalRemoteResourceIdCol>& logicalRemoteResources,
+    Kel::String coprocessorStatusAttrLogPath) {
+  return Kel::allocate<DemuxDalCreator>(requesterAgentId, logicalRemoteResources,
+                                        std::move(coprocessorStatusAttrLogPath));
+}
+
+template <class V>
+void DemuxDalCreator::store(V& field, const V& v, void (NotifieeConst::*onX)()) {
+  if (field == v) return;
+  field = v;
+  notifiees_.visit(onX);
+}
+
+void DemuxDalCreator::logicalRemoteResourcesIs(
+    const Kel::Ptr<const LogicalRemoteResourceIdCol>& v) {
+  store(logicalRemoteResources_, v, &NotifieeConst::onLogicalRemoteResources);
+}
+void DemuxDalCreator::coprocessorStatusIs(const Kel::Ptr<Corvane::CoprocessorStatus>& v) {
+  store(coprocessorStatus_, v, &NotifieeConst::onCoprocessorStatus);
+}
+void DemuxDalCreator::localCoprocessorStatusIs(const Kel::Ptr<Corvane::CoprocessorStatus>& v) {
+  store(localCoprocessorStatus_, v, &NotifieeConst::onLocalCoprocessorStatus);
+}
+void DemuxDalCreator::coprocessorStatusAttrLogIs(
+    const Kel::Ptr<const Corvane::CoprocessorStatusAttrLog>& v) {
+  store(coprocessorStatusAttrLog_, v, &NotifieeConst::onCoprocessorStatusAttrLog);
+}
+void DemuxDalCreator::coprocessorStatusAdapterSmIs(
+    const Kel::Ptr<Corvane::CoprocessorStatusAttrLogAdapterSm>& v) {
+  store(coprocessorStatusAdapterSm_, v, &NotifieeConst::onCoprocessorStatusAdapterSm);
+}
+void DemuxDalCreator::sliceIdIs(const Kel::String& v) {
+  store(sliceId_, v, &NotifieeConst::onSliceId);
+}
+void DemuxDalCreator::nextDalIdIs(DalId v) { store(nextDalId_, v, &NotifieeConst::onNextDalId); }
+void DemuxDalCreator::nextDalIdInc(DalId delta) {
+  nextDalIdIs(DalId(static_cast<U8>(nextDalId_.value() + delta.value())));
+}
+void DemuxDalCreator::trackErrorsIs(bool v) {
+  store(trackErrors_, v, &NotifieeConst::onTrackErrors);
+}
+void DemuxDalCreator::mountGroupIs(Skorra::MountGroup* v) {
+  store(mountGroup_, v, &NotifieeConst::onMountGroup);
+}
+void DemuxDalCreator::useSimulationForDefaultDalIs(bool v) {
+  store(useSimulationForDefaultDal_, v, &NotifieeConst::onUseSimulationForDefaultDal);
+}
+void DemuxDalCreator::simulationSerializerIdIs(SerializerId v) {
+  store(simulationSerializerId_, v, &NotifieeConst::onSimulationSerializerId);
+}
+
+Kel::Ptr<DalProcessingStatusCol> DemuxDalCreator::dalProcessingStatusColIs() {
+  if (!dalProcessingStatusCol_)
+    store(dalProcessingStatusCol_, Kel::allocate<DalProcessingStatusCol>(),
+          &NotifieeConst::onDalProcessingStatusCol);
+  return dalProcessingStatusCol_;
+}
+
+void DemuxDalCreator::dalProcessingStatusColDel() {
+  store(dalProcessingStatusCol_, Kel::Ptr<DalProcessingStatusCol>(),
+        &NotifieeConst::onDalProcessingStatusCol);
+}
+
+// Collections
+
+SerializerId DemuxDalCreator::serializerIdMap(const LogicalResourceId& id) const {
+  return collectionValue(serializerIdMap_, id);
+}
+void DemuxDalCreator::serializerIdMapIs(const LogicalResourceId& id, SerializerId sid) {
+  collectionIs(serializerIdMap_, id, sid, notifyFor(*this, &NotifieeConst::onSerializerIdMap));
+}
+void DemuxDalCreator::serializerIdMapDel(const LogicalResourceId& id) {
+  collectionDel(serializerIdMap_, id, notifyFor(*this, &NotifieeConst::onSerializerIdMap));
+}
+void DemuxDalCreator::serializerIdMapDelAll() {
+  collectionDelAll(serializerIdMap_, notifyFor(*this, &NotifieeConst::onSerializerIdMap));
+}
+
+Kel::Ptr<PhysicalResourceIdCol> DemuxDalCreator::physicalRemoteResources(
+    const LogicalResourceId& id) const {
+  return collectionValue(physicalRemoteResources_, id);
+}
+void DemuxDalCreator::physicalRemoteResourcesIs(const LogicalResourceId& id,
+                                                const Kel::Ptr<PhysicalResourceIdCol>& col) {
+  collectionIs(physicalRemoteResources_, id, col,
+               notifyFor(*this, &NotifieeConst::onPhysicalRemoteResources));
+}
+void DemuxDalCreator::physicalRemoteResourcesDel(const LogicalResourceId& id) {
+  collectionDel(physicalRemoteResources_, id,
+                notifyFor(*this, &NotifieeConst::onPhysicalRemoteResources));
+}
+void DemuxDalCreator::physicalRemoteResourcesDelAll() {
+  collectionDelAll(physicalRemoteResources_,
+                   notifyFor(*this, &NotifieeConst::onPhysicalRemoteResources));
+}
+
+LogicalResourceId DemuxDalCreator::physicalToLogicalResourceMap(
+    const PhysicalResourceId& id) const {
+  return collectionValue(physicalToLogicalResourceMap_, id);
+}
+void DemuxDalCreator::physicalToLogicalResourceMapIs(const PhysicalResourceId& id,
+                                                     const LogicalResourceId& lid) {
+  collectionIs(physicalToLogicalResourceMap_, id, lid,
+               notifyFor(*this, &NotifieeConst::onPhysicalToLogicalResourceMap));
+}
+void DemuxDalCreator::physicalToLogicalResourceMapDel(const PhysicalResourceId& id) {
+  collectionDel(physicalToLogicalResourceMap_, id,
+                notifyFor(*this, &NotifieeConst::onPhysicalToLogicalResourceMap));
+}
+void DemuxDalCreator::physicalToLogicalResourceMapDelAll() {
+  collectionDelAll(physicalToLogicalResourceMap_,
+                   notifyFor(*this, &NotifieeConst::onPhysicalToLogicalResourceMap));
+}
+
+const Kel::String& DemuxDalCreator::requesterName(AgentId agentId) const {
+  static const Kel::String kNone;
+  auto it = requesterName_.find(agentId);
+  return it == requesterName_.end() ? kNone : it->second;
+}
+void DemuxDalCreator::requesterNameIs(AgentId agentId, const Kel::String& name) {
+  collectionIs(requesterName_, agentId, name, notifyFor(*this, &NotifieeConst::onRequesterName));
+}
+void DemuxDalCreator::requesterNameDel(AgentId agentId) {
+  collectionDel(requesterName_, agentId, notifyFor(*this, &NotifieeConst::onRequesterName));
+}
+void DemuxDalCreator::requesterNameDelAll() {
+  collectionDelAll(requesterName_, notifyFor(*this, &NotifieeConst::onRequesterName));
+}
+
+Kel::Ptr<SerializerInfo> DemuxDalCreator::serializerInfo(SerializerId sid) const {
+  return collectionValue(serializerInfo_, sid);
+}
+Kel::Ptr<SerializerInfo> DemuxDalCreator::serializerInfoIs(SerializerId sid) {
+  auto [it, inserted] = serializerInfo_.try_emplace(sid);
+  if (!inserted) return it->second;
+  it->second = Kel::allocate<SerializerInfo>(sid);
+  // The notification may remove the entry; the caller still gets the one it asked for.
+  Kel::Ptr<SerializerInfo> info = it->second;
+  notifiees_.visit(&NotifieeConst::onSerializerInfo, sid);
+  return info;
+}
+void DemuxDalCreator::serializerInfoDel(SerializerId sid) {
+  collectionDel(serializerInfo_, sid, notifyFor(*this, &NotifieeConst::onSerializerInfo));
+}
+void DemuxDalCreator::serializerInfoDelAll() {
+  collectionDelAll(serializerInfo_, notifyFor(*this, &NotifieeConst::onSerializerInfo));
+}
+
+// Ownership
+
+AgentId DemuxDalCreator::ownerAgentIdForLogicalResource(const LogicalResourceId& id) const {
+  // An unmapped logical resource falls back to serializer 0, if one is described.
+  const Kel::Ptr<SerializerInfo> info = serializerInfo(serializerIdMap(id));
+  return info ? info->agentId() : kInvalidAgentId;
+}
+
+AgentId DemuxDalCreator::ownerAgentIdForPhysicalResource(const PhysicalResourceId& id) const {
+  auto it = physicalToLogicalResourceMap_.find(id);
+  if (it == physicalToLogicalResourceMap_.end()) return kInvalidAgentId;
+  return ownerAgentIdForLogicalResource(it->second);
+}
+
+}  // namespace Zorvek
