@@ -116,6 +116,7 @@ class KEL_EXPORT MountGroup : public Kel::Entity {
  public:
   class NotifieeConst : public Kel::NotifieeConst<MountGroup> {
    public:
+    // mountsComplete() changed.
     virtual void onMountsComplete() {}
   };
 
@@ -124,14 +125,14 @@ class KEL_EXPORT MountGroup : public Kel::Entity {
 
   // Records the request (after every earlier one). Throws MountError for an unknown mode,
   // an empty type name or an enabled filter. The group is incomplete until the next
-  // completeMounts().
+  // completeMounts(). mountsComplete notifies onMountsComplete on change.
   void doMount(const Mount& mount);
   // Every request, in the order made.
   const std::vector<Mount>& mounts() const { return mounts_; }
 
-  // Binds every request not bound yet, in order; then the group is complete (notifies
-  // onMountsComplete on change). Throws MountError on the first request that cannot be
-  // bound: the requests before it stay bound, the group stays incomplete.
+  // Binds every request not bound yet, in order; then the group is complete. Throws MountError on
+  // the first request that cannot be bound: the requests before it stay bound, the group stays
+  // incomplete.
   void completeMounts();
   bool mountsComplete() const { return mountsComplete_; }
 

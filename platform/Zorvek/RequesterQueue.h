@@ -60,7 +60,32 @@ struct CommandHeader {
   U64 cmdIndex = 0;
 
   DeviceId devId() const { return targets.firstDevice(); }
+  // The bytes the command moves: the entries of a bulk command, else `size`.
+  U32 bytes() const { return numEntries ? entrySize * numEntries : size; }
 };
+
+// The headers of each kind of command.
+inline CommandHeader singleCommand(Command command, const TargetMask& targets,
+                                   const PhysicalResourceId& rid, DeviceOffset offset, U32 size,
+                                   bool reclaimWhenProgrammed = false) {
+  CommandHeader h;
+  h.command = command;
+  h.targets = targets;
+  h.resourceId = rid;
+  h.offset = offset;
+  h.size = size;
+  h.reclaimWhenProgrammed = reclaimWhenProgrammed;
+  return h;
+}
+inline CommandHeader bulkCommand(Command command, const TargetMask& targets,
+                                 const PhysicalResourceId& rid, DeviceOffset offset,
+                                 PhysicalAddr physAddr, U32 entrySize, U32 numEntries) {
+  CommandHeader h = singleCommand(command, targets, rid, offset, 0);
+  h.physAddr = physAddr;
+  h.entrySize = entrySize;
+  h.numEntries = numEntries;
+  return h;
+}
 
 // A command as it sits in the queue: the header and the queue's copies of the bytes.
 struct QueueCommand : CommandHeader {
@@ -114,8 +139,7 @@ class KEL_EXPORT RequesterQueue : public Kel::Entity {
 
   // Commands waiting to run.
   unsigned depth() const { return count_; }
-  // True when no command can be enqueued (waiting and running commands fill every slot).
-  bool full() const { return count_ + running_ == slots_.size(); }
+  bool full() const { return count_ == slots_.size(); }
   // The next command to run, or null.
   const QueueCommand* front() const { return count_ ? &slots_[head_] : nullptr; }
 
@@ -152,22 +176,22 @@ class KEL_EXPORT RequesterQueue : public Kel::Entity {
     bool done;
   };
   void runFront();
-  static void copyInto(std::vector<U8>& to, const void* from, U32 bytes);
+  void copyInto(std::vector<U8>& to, const void* from, U32 bytes);
+  void recycle(std::vector<U8>&& buffer);
 
   Kel::String name_;
   AgentId agentId_;
   DalId dalId_;
   IoMemType ioMemType_;
   QueueConsumer* consumer_ = nullptr;
-  // A ring of slots; a slot's vectors keep their capacity, so a queue that has warmed up
-  // copies commands without allocating. Waiting commands are the count_ slots from head_;
-  // a command runs in its slot, which stays reserved (running_) until it returns. Running
-  // commands are always the slots just before head_ (nested drains finish innermost first),
-  // so the free slots are the ones after the waiting commands.
+  // A ring of count_ waiting commands from head_. A command is moved out of its slot to
+  // run, so the slot is free at once, also for commands enqueued while it runs; its
+  // buffers then go to spare_ for later commands, so a warmed-up queue copies commands
+  // without allocating.
   std::vector<QueueCommand> slots_;
   unsigned head_ = 0;
   unsigned count_ = 0;
-  unsigned running_ = 0;
+  std::vector<std::vector<U8>> spare_;
   std::vector<ReadWait*> readWaits_;
   U64 lastCompletedCmdIndex_ = 0;
   U64 lastFailedCmdIndex_ = 0;

@@ -19,12 +19,13 @@
 // Writes are made on behalf of ownerAgentId, the agent that owns the entries written.
 //
 // Coprocessors: attachCoprocessor / detachCoprocessor keep the record of the packet-
-// processing coprocessors that serve the S-channel, one per coprocessorId. Detach rule:
-// a valid value detaches the coprocessor of its coprocessorId; an invalid value (the DAL
-// hands one over deliberately when the published entry is gone) detaches the only
-// coprocessor attached when there is exactly one, and otherwise cannot tell which is meant:
-// it is counted as an unidentified detach and nothing is detached. An attach of a
-// coprocessorId already attached replaces the recorded value.
+// processing coprocessors that serve the S-channel, one per coprocessorId. An attach of a
+// coprocessorId already attached replaces the recorded value; an invalid value is ignored
+// (level 3 trace). Detach rule: a valid value detaches the coprocessor of its
+// coprocessorId; an invalid value (the DAL hands one over deliberately when the published
+// entry is gone) detaches the only coprocessor attached when there is exactly one. Any
+// other detach (several or none attached, or a coprocessorId not attached) cannot tell
+// which is meant: it is counted as an unidentified detach and nothing is detached.
 //
 // Used from the agent's activity thread only.
 #pragma once

@@ -1,0 +1,222 @@
+#include "Zorvek/QueueRequester.h"
+
+#include <cstdio>
+
+#include "Duwisp/Duwisp.h"
+
+namespace Zorvek {
+
+KEL_DEFINE_ENTITY_TYPE(QueueRequester, "Zorvek::QueueRequester")
+
+namespace {
+
+Kel::TraceHandle& th() {
+  static Kel::TraceHandle h("ZorvekQueueRequester");
+  return h;
+}
+
+}  // namespace
+
+// Follows the status directory: the serializer's status may appear, be replaced or go.
+class QueueRequester::KelStatusDir : public Kel::Dir::NotifieeConst {
+ public:
+  explicit KelStatusDir(QueueRequester* requester) : requester_(requester) {}
+  void onEntity(const Kel::String& name) override {
+    if (name == SerializerStatus::kEntryName) requester_->handleSerializerStatus();
+  }
+
+ private:
+  QueueRequester* requester_;  // the owner; never owning
+};
+
+// Follows the serializer's status: the queues it serves and its restart count.
+class QueueRequester::KelSerializerStatus : public SerializerStatus::NotifieeConst {
+ public:
+  explicit KelSerializerStatus(QueueRequester* requester) : requester_(requester) {}
+  void onServedQueue(const Kel::String& name) override {
+    if (name == requester_->name()) requester_->handleServedQueue();
+  }
+  void onRestartCount() override { requester_->handleRestartCount(); }
+
+ private:
+  QueueRequester* requester_;  // the owner; never owning
+};
+
+QueueRequester::QueueRequester(Kel::String name, AgentId agentId, unsigned int queueSize,
+                               DalId dalId, const Kel::Ptr<DalProcessingStatus>& status,
+                               const Kel::Ptr<Orv::WatchList>& watchList, IoMemType ioMemType,
+                               const Kel::Ptr<Kel::Dir>& configDir,
+                               const Kel::Ptr<const Kel::Dir>& statusDir, Kel::String kickFifoName,
+                               Kel::String kickName)
+    : Requester(std::move(name), agentId, dalId, status),
+      queueSize_(queueSize),
+      ioMemType_(ioMemType),
+      configDir_(configDir),
+      statusDir_(statusDir),
+      kickFifoName_(std::move(kickFifoName)),
+      kickName_(std::move(kickName)),
+      watchLog_(watchList) {
+  KEL_ASSERT(queueSize > 0);
+  KEL_ASSERT(ioMemType == IoMemType::queueMemory_);
+  DUWISP_TRACE(th(), 1, "QueueRequester %s dalId %s queueSize %s configDir %s statusDir %s",
+               this->name(), dalId, queueSize, bool(configDir_), bool(statusDir_));
+  if (configDir_) {
+    queue_ = Kel::allocate<RequesterQueue>(this->name(), agentId, dalId, queueSize, ioMemType);
+    configDir_->entityIs(this->name(), queue_);
+  }
+  if (!statusDir_) return;
+  kelSerializerStatus_ = Kel::allocate<KelSerializerStatus>(this);
+  kelStatusDir_ = Kel::allocate<KelStatusDir>(this);
+  kelStatusDir_->notifierIs(statusDir_);
+  handleSerializerStatus();
+}
+
+QueueRequester::~QueueRequester() {
+  if (kelStatusDir_) kelStatusDir_->notifierIs(nullptr);
+  if (kelSerializerStatus_) kelSerializerStatus_->notifierIs(nullptr);
+  // Withdraw the queue, unless another requester of the same name has replaced it.
+  if (queue_ && configDir_->entity(name()) == queue_) configDir_->entityDel(name());
+}
+
+void QueueRequester::handleSerializerStatus() {
+  auto status = Kel::dynamicPtrCast<const SerializerStatus>(
+      statusDir_->entity(Kel::String(SerializerStatus::kEntryName)));
+  if (status != serializerStatus_) {
+    DUWISP_TRACE(th(), 6, "handleSerializerStatus %s serializer status %s", name(),
+                 status ? status->name() : Kel::Name("none"));
+    serializerStatus_ = status;
+    kelSerializerStatus_->notifierIs(status);
+  }
+  handleServedQueue();
+  handleRestartCount();
+}
+
+void QueueRequester::handleServedQueue() {
+  const bool served = serializerStatus_ && serializerStatus_->servedQueue(name());
+  DUWISP_TRACE(th(), 6, "handleServedQueue %s served %s", name(), served);
+  readyIs(served);
+}
+
+void QueueRequester::handleRestartCount() {
+  // A status that goes leaves the count as it was: the next one continues from it.
+  if (!serializerStatus_) return;
+  DUWISP_TRACE(th(), 6, "handleRestartCount %s restartCount %s", name(),
+               serializerStatus_->restartCount());
+  serializerRestartCountIs(serializerStatus_->restartCount());
+}
+
+bool QueueRequester::consumerAttached(const char* what) const {
+  if (queue_ && queue_->consumer()) return true;
+  DUWISP_TRACE(th(), 3, "QueueRequester::%s %s no serializer drains the queue", what, name());
+  return false;
+}
+
+S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataBytes, const void* mask,
+                            U32 maskBytes) {
+  if (!queue_) {
+    DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s no queue: no configuration directory",
+                 name(), header.command);
+    return -1;
+  }
+  if (queue_->full()) {
+    DUWISP_TRACE(th(), 8, "QueueRequester::enqueue %s queue full, draining", name());
+    queue_->drain();
+    if (queue_->full()) {
+      DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s queue full and no serializer drains it",
+                   name(), header.command);
+      return -1;
+    }
+  }
+  header.cmdIndex = takeCmdIndex();
+  const bool queued = queue_->enqueue(header, data, dataBytes, mask, maskBytes);
+  KEL_ASSERT(queued);
+  watchLog_.commandIs(header.command, header.targets, header.resourceId, header.offset,
+                      header.bytes(), header.cmdIndex);
+  DUWISP_TRACE(th(), 9, "QueueRequester::enqueue %s %s cmdIndex %s offset 0x%x", name(),
+               header.command, header.cmdIndex, header.offset);
+  return static_cast<S64>(header.cmdIndex);
+}
+
+S64 QueueRequester::initFreeFromSerializer(DeviceId devId, const PhysicalResourceId& rid,
+                                           const void* dataMask, U32 entrySizeBytes) {
+  return enqueue(singleCommand(Command::freeCmd_, oneDeviceMask(devId), rid, 0, entrySizeBytes),
+                 nullptr, 0, dataMask, dataMask ? entrySizeBytes : 0);
+}
+
+S64 QueueRequester::read(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset,
+                         void* data, U32 size) {
+  if (!consumerAttached("read")) return -1;
+  const S64 index =
+      enqueue(singleCommand(Command::readCmd_, oneDeviceMask(devId), rid, offset, size), nullptr, 0,
+              nullptr, 0);
+  if (index < 0 || queue_->drainRead(static_cast<U64>(index), data, size)) return index;
+  DUWISP_TRACE(th(), 3, "QueueRequester::read %s cmdIndex %s failed", name(), index);
+  return -1;
+}
+
+S64 QueueRequester::write(const TargetMask& targets, const PhysicalResourceId& rid,
+                          DeviceOffset offset, void* data, const void* dataMask, U32 size,
+                          bool reclaimWhenProgrammed) {
+  return enqueue(
+      singleCommand(Command::writeCmd_, targets, rid, offset, size, reclaimWhenProgrammed), data,
+      size, dataMask, dataMask ? size : 0);
+}
+
+S64 QueueRequester::blockingWrite(const TargetMask& targets, const PhysicalResourceId& rid,
+                                  DeviceOffset offset, void* data, const void* dataMask, U32 size,
+                                  bool reclaimWhenProgrammed) {
+  if (!consumerAttached("blockingWrite")) return -1;
+  const S64 index = enqueue(
+      singleCommand(Command::blockingWriteCmd_, targets, rid, offset, size, reclaimWhenProgrammed),
+      data, size, dataMask, dataMask ? size : 0);
+  if (index < 0) return index;
+  waitForCmdIndex(static_cast<U64>(index));
+  return queue_->lastFailedCmdIndex() == static_cast<U64>(index) ? -1 : index;
+}
+
+S64 QueueRequester::bulkRead(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset,
+                             const PhysicalAddr& physAddr, U32 entrySize, U32 numEntries) {
+  return enqueue(bulkCommand(Command::bulkReadCmd_, oneDeviceMask(devId), rid, offset, physAddr,
+                             entrySize, numEntries),
+                 nullptr, 0, nullptr, 0);
+}
+
+S64 QueueRequester::bulkWrite(const TargetMask& targets, const PhysicalResourceId& rid,
+                              DeviceOffset offset, const PhysicalAddr& physAddr, const void* data,
+                              U32 entrySize, U32 numEntries) {
+  return enqueue(
+      bulkCommand(Command::bulkWriteCmd_, targets, rid, offset, physAddr, entrySize, numEntries),
+      data, data ? entrySize * numEntries : 0, nullptr, 0);
+}
+
+void QueueRequester::waitForCmdIndex(U64 index) {
+  if (!queue_ || index >= cmdIndex() || index <= queue_->lastCompletedCmdIndex()) return;
+  queue_->drain(index);
+  if (queue_->lastCompletedCmdIndex() >= index) return;
+  DUWISP_TRACE(th(), 3,
+               "QueueRequester::waitForCmdIndex %s cmdIndex %s has not run: no serializer drains "
+               "the queue",
+               name(), index);
+}
+
+void QueueRequester::showRequesterState(U32 fd) const {
+  const int out = static_cast<int>(fd);
+  Requester::showRequesterState(fd);
+  dprintf(out, "'queueSize':%u,'ioMemType':%u,", queueSize_, static_cast<unsigned>(ioMemType_));
+  if (queue_) {
+    dprintf(out, "'queue':{");
+    queue_->show(out);
+    dprintf(out, "},");
+  } else {
+    dprintf(out, "'queue':None,");
+  }
+  dprintf(out,
+          "'serializerStatus':%s,'serializerRestartCount':%llu,'kickFifoName':'%s',"
+          "'kickName':'%s',",
+          serializerStatus_ ? "True" : "False",
+          static_cast<unsigned long long>(serializerRestartCount()), kickFifoName_.c_str(),
+          kickName_.c_str());
+  watchLog_.show(out);
+}
+
+}  // namespace Zorvek

@@ -1,0 +1,25 @@
+#include "Zorvek/SerializerStatus.h"
+
+namespace Zorvek {
+
+KEL_DEFINE_ENTITY_TYPE(SerializerStatus, "Zorvek::SerializerStatus")
+
+SerializerStatus::~SerializerStatus() = default;
+
+void SerializerStatus::servedQueueIs(const Kel::String& name) {
+  if (!servedQueues_.insert(name).second) return;
+  notifiees_.visit(&NotifieeConst::onServedQueue, name);
+}
+
+void SerializerStatus::servedQueueDel(const Kel::String& name) {
+  if (!servedQueues_.erase(name)) return;
+  notifiees_.visit(&NotifieeConst::onServedQueue, name);
+}
+
+void SerializerStatus::restartCountIs(U64 v) {
+  if (v == restartCount_) return;
+  restartCount_ = v;
+  notifiees_.visit(&NotifieeConst::onRestartCount);
+}
+
+}  // namespace Zorvek
