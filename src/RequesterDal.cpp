@@ -289,7 +289,7 @@ Kel::Ptr<const Requester> RequesterDal::DalReadySm::requester() const {
 void RequesterDal::DalReadySm::requesterIs(const Kel::Ptr<const Requester>& requester) {
   if (requester == kelRequester_->notifier()) return;
   kelRequester_->notifierIs(requester);
-  if (requester && dal()) handleRequesterReady();
+  handleRequesterReady();
 }
 
 void RequesterDal::DalReadySm::requesterDel() { kelRequester_->notifierIs(nullptr); }
@@ -299,7 +299,7 @@ Kel::Ptr<Dal> RequesterDal::DalReadySm::dal() const { return kelDal_->notifier()
 void RequesterDal::DalReadySm::dalIs(const Kel::Ptr<Dal>& dal) {
   if (dal == kelDal_->notifier()) return;
   kelDal_->notifierIs(Kel::Ptr<const Dal>(dal));
-  if (dal && requester()) handleRequesterReady();
+  handleRequesterReady();
 }
 
 void RequesterDal::DalReadySm::dalDel() { kelDal_->notifierIs(nullptr); }
@@ -307,6 +307,9 @@ void RequesterDal::DalReadySm::dalDel() { kelDal_->notifierIs(nullptr); }
 void RequesterDal::DalReadySm::handleRequesterReady() {
   const Kel::Ptr<Dal> d = dal();
   const Kel::Ptr<const Requester> r = requester();
+  // The rule needs both ends. After requesterDel or dalDel the remaining reactor still hears
+  // its notifier; the machine then drives nothing until it is given the missing end again.
+  if (!d || !r) return;
   DUWISP_TRACE(
       th(), 7,
       "XpRequesterDal::DalReadySm::handleRequesterReady requesterReady %s hwAccessAllowed %s",
