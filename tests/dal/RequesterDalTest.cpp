@@ -1,0 +1,670 @@
+// RequesterDal: which requester command an access becomes (if any) under the policy flags,
+// the cache statistics it leaves, bulk arithmetic, the readiness machine, traced texts and
+// assertions. The requester is a strict mock, so a command that must not be sent fails the
+// test; the shadow lives in a fake device helper.
+#include "Zorvek/RequesterDal.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Kel/Trace.h"
+
+namespace Zorvek {
+namespace {
+
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::Return;
+using ::testing::SaveArg;
+using ::testing::StrictMock;
+using Lines = std::vector<std::pair<unsigned, std::string>>;
+
+constexpr PhysicalResourceId kTable{ResourceType::tableResource_, 0x41};
+constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x7};
+constexpr DeviceOffset kTableOffset = 0x1000;
+constexpr DeviceOffset kRegisterOffset = 0x2000;  // this offset and above: the register
+constexpr U16 kEntry = 8;
+constexpr PhysicalAddr kPhysAddr = 0xfeed0000;
+const std::vector<U8> kData = {1, 2, 3, 4, 5, 6, 7, 8};
+
+class MockRequester : public Requester {
+ public:
+  MockRequester() : Requester("queue", 3, DalId(1), Kel::allocate<DalProcessingStatus>(DalId(1))) {}
+  MOCK_METHOD(S64, read, (DeviceId, const PhysicalResourceId&, DeviceOffset, void*, U32),
+              (override));
+  MOCK_METHOD(S64, write,
+              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, void*, const void*, U32,
+               bool),
+              (override));
+  MOCK_METHOD(S64, blockingWrite,
+              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, void*, const void*, U32,
+               bool),
+              (override));
+  MOCK_METHOD(S64, bulkRead,
+              (DeviceId, const PhysicalResourceId&, DeviceOffset, const PhysicalAddr&, U32, U32),
+              (override));
+  MOCK_METHOD(S64, bulkWrite,
+              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, const PhysicalAddr&,
+               const void*, U32, U32),
+              (override));
+  MOCK_METHOD(void, waitForCmdIndex, (U64), (override));
+  using Requester::takeCmdIndex;
+};
+
+// One table below kRegisterOffset, one register from it on; the shadow maps an offset to the
+// bytes last written there.
+class FakeHelper : public DalHelper {
+ public:
+  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
+    return offset < kRegisterOffset ? kTable : kRegister;
+  }
+  bool cacheable(DeviceId, const PhysicalResourceId&) const override {
+    // Stands for a notification that switches the hardware off in the middle of an access.
+    if (switchOffOnCacheable) switchOffOnCacheable->hwAccessAllowedIs(false);
+    return isCacheable;
+  }
+  U32 memoryEntrySizeBytes(DeviceId, const PhysicalResourceId&) const override { return entrySize; }
+  PhysicalAddr physicalAddr(DeviceId, void*) const override { return kPhysAddr; }
+  void verifyOptArgMapping(DeviceId, const PhysicalResourceId& rid, DeviceOffset offset,
+                           void*) const override {
+    verified.emplace_back(rid, offset);
+  }
+  S32 shadowRead(DeviceId, DeviceOffset offset, U16 size, void* data, void*) const override {
+    auto it = shadow.find(offset);
+    if (it == shadow.end()) return -1;
+    std::memcpy(data, it->second.data(), std::min<std::size_t>(size, it->second.size()));
+    return 0;
+  }
+  S32 shadowWrite(DeviceId, DeviceOffset offset, U16 size, const void* data, void*) override {
+    if (failShadowWrite) return -1;
+    shadow[offset].assign(static_cast<const U8*>(data), static_cast<const U8*>(data) + size);
+    return 0;
+  }
+
+  bool isCacheable = true;
+  bool failShadowWrite = false;
+  U32 entrySize = kEntry;
+  Dal* switchOffOnCacheable = nullptr;
+  std::map<DeviceOffset, std::vector<U8>> shadow;
+  mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
+};
+
+// Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
+// overrides dataMaskSelector but declares the override only when told to.
+class ShadowDal : public RequesterDal {
+ public:
+  ShadowDal(const Kel::Ptr<Requester>& r, bool declareMask) : RequesterDal("shadowDal", r) {
+    dataMaskSelectorOverriddenIs(declareMask);
+  }
+  S32 doReadFromShadow(DeviceId d, DeviceOffset o, U16 size, void* data, void* optArg) override {
+    shadowSizes.push_back(size);
+    return helper()->shadowRead(d, o, size, data, optArg);
+  }
+  S32 doWriteToShadow(DeviceId d, DeviceOffset o, U16 size, const void* data,
+                      void* optArg) override {
+    shadowSizes.push_back(size);
+    ++shadowWrites;
+    return helper()->shadowWrite(d, o, size, data, optArg);
+  }
+  U8* dataMaskSelector(DeviceOffset, void*, U16 size) override {
+    U8* mask = new U8[size]();
+    maskHandedOut = mask;
+    return mask;
+  }
+
+  std::vector<U16> shadowSizes;
+  int shadowWrites = 0;
+  const void* maskHandedOut = nullptr;
+};
+
+class ReadyCounter : public Dal::NotifieeConst {
+ public:
+  void onReady() override { ++count; }
+  int count = 0;
+};
+
+// Turns every text level of the DAL's trace handle on for one scope and captures its lines.
+class DalTrace : public Kel::TraceCapture {
+ public:
+  DalTrace() { Kel::traceLevelsIs("ZorvekRequesterDal/0-9"); }
+  ~DalTrace() {
+    if (Kel::TraceHandle* h = Kel::traceHandle("ZorvekRequesterDal")) h->levelsIs(0);
+  }
+  Lines lines() const {
+    Lines out;
+    for (const Kel::TraceRecord& r : records())
+      if (r.handle == "ZorvekRequesterDal") out.emplace_back(r.level, r.message);
+    return out;
+  }
+};
+
+// Sets or clears XP_COHABITING_TEST for one scope, then restores what was there.
+class CohabitingEnv {
+ public:
+  explicit CohabitingEnv(bool set) {
+    if (const char* v = std::getenv(kName)) saved_ = v;
+    set ? setenv(kName, "1", 1) : unsetenv(kName);
+  }
+  ~CohabitingEnv() { saved_ ? setenv(kName, saved_->c_str(), 1) : unsetenv(kName); }
+
+ private:
+  static constexpr const char* kName = "XP_COHABITING_TEST";
+  std::optional<std::string> saved_;
+};
+
+enum class HwCall { none, write, blockingWrite };
+
+class RequesterDalTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    liveAtStart = Kel::TypeRegistry::liveEntities();
+    helper = Kel::allocate<FakeHelper>();
+    requester = Kel::allocate<StrictMock<MockRequester>>();
+    dal = makeDal(false);
+  }
+  Kel::Ptr<ShadowDal> makeDal(bool declareMask) {
+    auto d = Kel::allocate<ShadowDal>(requester, declareMask);
+    d->helperIs(helper);
+    return d;
+  }
+  S32 read(U16 size = kEntry, DeviceOffset offset = kTableOffset) {
+    return dal->dalRead(0, offset, size, buffer.data(), nullptr);
+  }
+  S32 write(const TargetMask& mask = oneDeviceMask(0), U16 size = kEntry,
+            DeviceOffset offset = kTableOffset) {
+    return dal->dalWrite(mask, offset, size, kData.data(), nullptr);
+  }
+  S32 bulk(Command cmd, U32 size) {
+    return cmd == bulkWriteCmd()
+               ? dal->dalBulkWrite(oneDeviceMask(0), kTableOffset, size, buffer.data(), nullptr)
+               : dal->dalBulkRead(0, kTableOffset, size, buffer.data(), nullptr);
+  }
+  // Expects one single write of `offset` by `call`, saving the data and mask it carries.
+  void expectWrite(HwCall call, DeviceOffset offset = kTableOffset, bool reclaim = false) {
+    if (call == HwCall::none) return;
+    const PhysicalResourceId rid = helper->resourceId(offset, nullptr);
+    const TargetMask device0 = oneDeviceMask(0);
+    auto& expectation =
+        call == HwCall::write
+            ? EXPECT_CALL(*requester, write(device0, rid, offset, _, _, kEntry, reclaim))
+            : EXPECT_CALL(*requester, blockingWrite(device0, rid, offset, _, _, kEntry, reclaim));
+    expectation.WillOnce(DoAll(SaveArg<3>(&dataSeen), SaveArg<4>(&maskSeen), Return(7)));
+  }
+
+  std::int64_t liveAtStart = 0;
+  Kel::Ptr<FakeHelper> helper;
+  Kel::Ptr<StrictMock<MockRequester>> requester;
+  Kel::Ptr<ShadowDal> dal;
+  std::vector<U8> buffer = std::vector<U8>(0x10010);
+  const void* dataSeen = nullptr;
+  const void* maskSeen = &maskSeen;
+};
+
+// ---------------------------------------------------------------------------------------
+// Single accesses
+
+// The (hits, misses) read counters of the resource at `offset`: per table or per register.
+std::pair<U64, U64> readCounts(const Dal& d, DeviceOffset offset) {
+  const PhysicalTableId table(kTable.id());
+  const PhysicalRegisterId reg(kRegister.id());
+  if (offset < kRegisterOffset) return {d.cacheReadTableHits(table), d.cacheReadTableMisses(table)};
+  return {d.cacheReadRegHits(reg), d.cacheReadRegMisses(reg)};
+}
+
+struct ReadCase {
+  const char* name;
+  bool hw, okToRead, force, cacheable, shadowHolds;
+  DeviceOffset offset;
+  std::optional<S64> hwIndex;  // what the requester's read answers; none: never called
+  S32 result;
+  U64 hits, misses;
+};
+
+class RequesterDalReadTest : public RequesterDalTest,
+                             public ::testing::WithParamInterface<ReadCase> {};
+
+TEST_P(RequesterDalReadTest, ShadowOrHardwareServes) {
+  const ReadCase& c = GetParam();
+  dal->hwAccessAllowedIs(c.hw);
+  dal->okToReadFromShadowIs(c.okToRead);
+  dal->forceReadFromShadowIs(c.force);
+  helper->isCacheable = c.cacheable;
+  if (c.shadowHolds) helper->shadow[c.offset] = kData;
+  if (c.hwIndex)
+    EXPECT_CALL(*requester, read(DeviceId(0), helper->resourceId(c.offset, nullptr), c.offset,
+                                 buffer.data(), kEntry))
+        .WillOnce(Return(*c.hwIndex));
+  EXPECT_EQ(read(kEntry, c.offset), c.result);
+  EXPECT_EQ(std::pair(dal->cacheReadHits(), dal->cacheReadMisses()), std::pair(c.hits, c.misses));
+  EXPECT_EQ(readCounts(*dal, c.offset), std::pair(c.hits, c.misses));
+  const DeviceOffset other = c.offset < kRegisterOffset ? kRegisterOffset : kTableOffset;
+  EXPECT_EQ(readCounts(*dal, other), std::pair(U64{0}, U64{0}));
+  EXPECT_EQ(std::equal(kData.begin(), kData.end(), buffer.begin()), c.hits == 1);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Flags, RequesterDalReadTest, ::testing::ValuesIn(std::vector<ReadCase>{
+    // name, hw, okToRead, force, cacheable, shadowHolds, offset, hwIndex, result, hits, misses
+    {"ShadowHit",              true,  true,  false, true,  true,  kTableOffset,    {}, 0,  1, 0},
+    {"ShadowMissReadsHw",      true,  true,  false, true,  false, kRegisterOffset, 4,  0,  0, 1},
+    {"ShadowDisabledReadsHw",  true,  false, false, true,  true,  kTableOffset,    4,  0,  0, 1},
+    {"NotCacheableReadsHw",    true,  true,  false, false, true,  kRegisterOffset, 4,  0,  0, 1},
+    {"ForcedIgnoresCacheable", true,  true,  true,  false, true,  kTableOffset,    {}, 0,  1, 0},
+    {"ForcedMissStaysOffHw",   true,  true,  true,  true,  false, kTableOffset,    {}, 0,  0, 1},
+    {"HwOffMissReadsZero",     false, false, false, false, false, kTableOffset,    {}, 0,  0, 1},
+    {"HwOffHit",               false, true,  false, false, true,  kRegisterOffset, {}, 0,  1, 0},
+    {"NegativeIndexFails",     true,  true,  false, true,  false, kTableOffset,    -1, -1, 0, 1}}),
+    [](const auto& info) { return std::string(info.param.name); });
+// clang-format on
+
+enum class Shadow { empty, same, differs };
+
+struct WriteCase {
+  const char* name;
+  bool hw, okToWrite, skipIfHit, blocking;
+  Shadow shadow;
+  DeviceOffset offset;
+  HwCall call;
+  U64 writeHits, writeMisses, readHits, readMisses;
+  bool shadowWritten;
+};
+
+class RequesterDalWriteTest : public RequesterDalTest,
+                              public ::testing::WithParamInterface<WriteCase> {};
+
+TEST_P(RequesterDalWriteTest, ShadowAbsorbsOrHardwareWrites) {
+  const WriteCase& c = GetParam();
+  dal->hwAccessAllowedIs(c.hw);
+  dal->okToWriteToShadowIs(c.okToWrite);
+  dal->skipHwWriteIfShadowHitIs(c.skipIfHit);
+  dal->blockingIs(c.blocking);
+  if (c.shadow != Shadow::empty) helper->shadow[c.offset] = kData;
+  if (c.shadow == Shadow::differs) helper->shadow[c.offset][3] ^= 0xff;
+  expectWrite(c.call, c.offset);
+  EXPECT_EQ(write(oneDeviceMask(0), kEntry, c.offset), 0);
+  EXPECT_EQ(std::pair(dal->cacheWriteHits(), dal->cacheWriteMisses()),
+            std::pair(c.writeHits, c.writeMisses));
+  const PhysicalTableId table(kTable.id());
+  const bool isTable = c.offset < kRegisterOffset;
+  EXPECT_EQ(std::pair(dal->cacheWriteTableHits(table), dal->cacheWriteTableMisses(table)),
+            isTable ? std::pair(c.writeHits, c.writeMisses) : std::pair(U64{0}, U64{0}));
+  EXPECT_EQ(std::pair(dal->cacheReadHits(), dal->cacheReadMisses()),
+            std::pair(c.readHits, c.readMisses));
+  EXPECT_EQ(dal->shadowWrites, c.shadowWritten ? 1 : 0);
+  EXPECT_EQ(helper->shadow[c.offset] == kData, c.shadowWritten || c.shadow == Shadow::same);
+}
+
+std::vector<WriteCase> writeCases() {
+  using enum Shadow;
+  using enum HwCall;
+  // hw, okToWrite, skipIfHit, blocking, shadow, offset, call, write hits, write misses, read
+  // hits, read misses, shadowWritten
+  // clang-format off
+  return {
+    {"WriteThrough",         1, 1, 0, 0, empty,   kTableOffset,    write,         0, 1, 0, 0, 1},
+    {"BlockingWrite",        1, 1, 0, 1, empty,   kRegisterOffset, blockingWrite, 0, 1, 0, 0, 1},
+    {"ShadowWriteDisabled",  1, 0, 1, 0, same,    kTableOffset,    write,         0, 1, 0, 0, 0},
+    {"SkipOnShadowHit",      1, 1, 1, 0, same,    kTableOffset,    none,          1, 0, 1, 0, 0},
+    {"SkipNeedsEqualBytes",  1, 1, 1, 1, differs, kTableOffset,    blockingWrite, 0, 1, 1, 0, 1},
+    {"SkipNeedsShadowEntry", 1, 1, 1, 0, empty,   kTableOffset,    write,         0, 1, 0, 1, 1},
+    {"HwOffAbsorbs",         0, 0, 0, 1, empty,   kTableOffset,    none,          0, 0, 0, 0, 1},
+    {"HwOffSkipOnHit",       0, 1, 1, 0, same,    kRegisterOffset, none,          1, 0, 1, 0, 0}};
+  // clang-format on
+}
+
+INSTANTIATE_TEST_SUITE_P(Flags, RequesterDalWriteTest, ::testing::ValuesIn(writeCases()),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+class RequesterDalWriteArgsTest
+    : public RequesterDalTest,
+      public ::testing::WithParamInterface<std::tuple<bool, bool, bool>> {};
+
+TEST_P(RequesterDalWriteArgsTest, DataReclaimAndDeclaredMaskReachRequester) {
+  const auto [blocking, reclaim, declareMask] = GetParam();
+  dal = makeDal(declareMask);
+  dal->blockingIs(blocking);
+  dal->reclaimWhenProgrammedIs(reclaim);
+  expectWrite(blocking ? HwCall::blockingWrite : HwCall::write, kTableOffset, reclaim);
+  EXPECT_EQ(write(), 0);
+  EXPECT_EQ(dataSeen, kData.data());
+  EXPECT_EQ(maskSeen, declareMask ? dal->maskHandedOut : nullptr);
+  EXPECT_EQ(dal->maskHandedOut != nullptr, declareMask);  // asked for only when declared
+}
+
+INSTANTIATE_TEST_SUITE_P(BlockingReclaimMask, RequesterDalWriteArgsTest,
+                         ::testing::Combine(::testing::Bool(), ::testing::Bool(),
+                                            ::testing::Bool()));
+
+TEST_F(RequesterDalTest, VerifyModeChecksOptArgMappingOfBothAccesses) {
+  dal->verifyEnabledIs(true);
+  dal->hwAccessAllowedIs(false);
+  EXPECT_EQ(read(), 0);
+  EXPECT_EQ(write(), 0);
+  EXPECT_THAT(helper->verified,
+              ElementsAre(std::pair(kTable, kTableOffset), std::pair(kTable, kTableOffset)));
+}
+
+class RequesterDalCohabitingTest : public RequesterDalTest,
+                                   public ::testing::WithParamInterface<bool> {};
+
+TEST_P(RequesterDalCohabitingTest, ShadowOnlyWriteFakesOneCommandWhenSet) {
+  const CohabitingEnv env(GetParam());
+  dal->hwAccessAllowedIs(false);
+  DalProcessingStatus& status = *requester->processingStatus();
+  status.lastEnqueuedCmdIndexIs(10);
+  for (U64 n = 1; n <= 3; ++n) {
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(status.lastEnqueuedCmdIndex(), GetParam() ? 10 + n : 10);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(SetOrUnset, RequesterDalCohabitingTest, ::testing::Bool());
+
+TEST_F(RequesterDalTest, WaitForCompletionWaitsForLastCommandUnlessHwOff) {
+  requester->takeCmdIndex();
+  requester->takeCmdIndex();
+  EXPECT_CALL(*requester, waitForCmdIndex(2));
+  dal->waitForCompletion(0);
+  dal->hwAccessAllowedIs(false);
+  dal->waitForCompletion(0);  // a second wait would be an unexpected call
+}
+
+TEST_F(RequesterDalTest, CoprocessorCheckerIsCopiedToRequester) {
+  const auto checker = Kel::allocate<CoprocessorChecker>("checker");
+  dal->coprocessorCheckerIs(checker);
+  EXPECT_EQ(requester->coprocessorChecker(), checker);
+  dal->coprocessorCheckerIs(nullptr);
+  EXPECT_EQ(requester->coprocessorChecker(), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------
+// Bulk accesses
+
+struct BulkCase {
+  const char* name;
+  Command cmd;
+  bool hw;
+  U32 size;
+  std::optional<S64> hwIndex;  // what the bulk command answers; none: never called
+  S32 result;
+};
+
+class RequesterDalBulkTest : public RequesterDalTest,
+                             public ::testing::WithParamInterface<BulkCase> {};
+
+TEST_P(RequesterDalBulkTest, WholeEntriesTravelByPhysicalAddress) {
+  const BulkCase& c = GetParam();
+  const U32 entries = c.size / kEntry;
+  dal->hwAccessAllowedIs(c.hw);
+  if (c.hwIndex && c.cmd == bulkWriteCmd())
+    EXPECT_CALL(*requester, bulkWrite(oneDeviceMask(0), kTable, kTableOffset, kPhysAddr, nullptr,
+                                      kEntry, entries))
+        .WillOnce(Return(*c.hwIndex));
+  if (c.hwIndex && c.cmd == bulkReadCmd())
+    EXPECT_CALL(*requester, bulkRead(DeviceId(0), kTable, kTableOffset, kPhysAddr, kEntry, entries))
+        .WillOnce(Return(*c.hwIndex));
+  DalTrace trace;
+  EXPECT_EQ(bulk(c.cmd, c.size), c.result);
+  const Lines::value_type nothingToDo{
+      3, "doBulkOperation resourceId type 1 id 0x41 bulk operation size is 0"};
+  EXPECT_EQ(std::ranges::count(trace.lines(), nothingToDo), entries == 0 ? 1 : 0);
+  EXPECT_EQ(dal->shadowSizes, entries == 0 ? std::vector<U16>{} : std::vector<U16>{U16(c.size)});
+  EXPECT_EQ(helper->shadow.size(), c.cmd == bulkWriteCmd() && entries ? 1u : 0u);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Commands, RequesterDalBulkTest, ::testing::ValuesIn(std::vector<BulkCase>{
+    // name                      cmd             hw     size            hwIndex result
+    {"WritePartialEntryDropped", bulkWriteCmd(), true,  3 * kEntry + 1, 4,  0},
+    {"WriteNegativeIndexFails",  bulkWriteCmd(), true,  2 * kEntry,     -1, -1},
+    {"WriteBelowOneEntry",       bulkWriteCmd(), true,  kEntry - 1,     {}, 0},
+    {"WriteAbsorbedWithHwOff",   bulkWriteCmd(), false, 2 * kEntry,     {}, 0},
+    {"ReadPartialEntryDropped",  bulkReadCmd(),  true,  3 * kEntry + 1, 4,  0},
+    {"ReadNegativeIndexFails",   bulkReadCmd(),  true,  2 * kEntry,     -1, -1},
+    {"ReadBelowOneEntry",        bulkReadCmd(),  true,  kEntry - 1,     {}, 0},
+    {"ReadFromShadowWithHwOff",  bulkReadCmd(),  false, 2 * kEntry,     {}, 0}}),
+    [](const auto& info) { return std::string(info.param.name); });
+// clang-format on
+
+TEST_F(RequesterDalTest, BulkShadowSizeIsCutToSixteenBitsButCommandIsNot) {
+  const U32 size = 0x10000 + 2 * kEntry;
+  const TargetMask device0 = oneDeviceMask(0);
+  EXPECT_CALL(*requester,
+              bulkWrite(device0, kTable, kTableOffset, kPhysAddr, nullptr, kEntry, size / kEntry))
+      .WillOnce(Return(1));
+  EXPECT_CALL(*requester,
+              bulkRead(DeviceId(0), kTable, kTableOffset, kPhysAddr, kEntry, size / kEntry))
+      .WillOnce(Return(2));
+  EXPECT_EQ(
+      dal->doBulkOperation(device0, kTableOffset, buffer.data(), size, nullptr, bulkWriteCmd()), 0);
+  helper->shadow.clear();
+  EXPECT_EQ(
+      dal->doBulkOperation(device0, kTableOffset, buffer.data(), size, nullptr, bulkReadCmd()), 0);
+  EXPECT_THAT(dal->shadowSizes, ElementsAre(2 * kEntry, 2 * kEntry));
+}
+
+TEST_F(RequesterDalTest, BulkReadOfDeviceOutOfRangeThrows) {
+  EXPECT_THROW(dal->dalBulkRead(DeviceId(129u), kTableOffset, kEntry, buffer.data(), nullptr),
+               Corvane::FapIdRangeError);
+}
+
+// ---------------------------------------------------------------------------------------
+// Readiness
+
+class RequesterDalReadyTest : public RequesterDalTest {
+ public:
+  void SetUp() override {
+    RequesterDalTest::SetUp();
+    observer = Kel::allocate<ReadyCounter>();
+    observer->notifierIs(Kel::Ptr<const Dal>(dal));
+  }
+  void build() { sm = RequesterDal::DalReadySm::DalReadySmIs(requester, dal); }
+  Kel::Ptr<ReadyCounter> observer;
+  Kel::Ptr<RequesterDal::DalReadySm> sm;
+};
+
+TEST_F(RequesterDalReadyTest, ConstructionAppliesEveryRowOfTheRule) {
+  struct Row {
+    bool hw, requesterReady, ready;
+  };
+  for (const Row& r : {Row{false, false, true}, Row{false, true, true}, Row{true, false, false},
+                       Row{true, true, true}}) {
+    SetUp();
+    dal->hwAccessAllowedIs(r.hw);
+    requester->readyIs(r.requesterReady);
+    build();
+    EXPECT_EQ(std::pair(dal->ready(), observer->count), std::pair(r.ready, r.ready ? 1 : 0))
+        << r.hw << r.requesterReady;
+  }
+}
+
+TEST_F(RequesterDalReadyTest, ChangesNotifyOncePerResultChange) {
+  struct Step {
+    bool hw, requesterReady, ready;
+    int notifications;
+  };
+  build();
+  for (const Step& s :
+       {Step{true, true, true, 1}, Step{false, true, true, 1}, Step{false, false, true, 1},
+        Step{true, false, false, 2}, Step{false, false, true, 3}, Step{false, true, true, 3},
+        Step{true, true, true, 3}, Step{true, false, false, 4}}) {
+    dal->hwAccessAllowedIs(s.hw);
+    requester->readyIs(s.requesterReady);
+    EXPECT_EQ(std::pair(dal->ready(), observer->count), std::pair(s.ready, s.notifications))
+        << s.hw << s.requesterReady;
+  }
+}
+
+TEST_F(RequesterDalReadyTest, RetargetingReevaluatesAndDropsOldNotifier) {
+  build();
+  const auto other = Kel::allocate<StrictMock<MockRequester>>();
+  other->readyIs(true);
+  sm->requesterIs(other);
+  EXPECT_TRUE(dal->ready());
+  requester->readyIs(true);
+  requester->readyIs(false);
+  EXPECT_TRUE(dal->ready());
+  const auto otherDal = makeDal(false);
+  sm->dalIs(otherDal);
+  EXPECT_TRUE(otherDal->ready());
+  other->readyIs(false);
+  dal->hwAccessAllowedIs(false);
+  dal->hwAccessAllowedIs(true);
+  EXPECT_EQ(std::pair(dal->ready(), otherDal->ready()), std::pair(true, false));
+  EXPECT_EQ(observer->count, 1);
+}
+
+TEST_F(RequesterDalReadyTest, RetiredReactorsIgnoreChanges) {
+  const std::vector<std::function<void(RequesterDal::DalReadySm&)>> retirements = {
+      [](auto& m) { m.requesterDel(); }, [](auto& m) { m.dalDel(); },
+      [](auto& m) { m.kelDoZombieReactors(true); }};
+  for (const auto& retire : retirements) {
+    SetUp();
+    build();
+    retire(*sm);
+    requester->readyIs(true);
+    dal->hwAccessAllowedIs(false);
+    EXPECT_EQ(std::pair(dal->ready(), observer->count), std::pair(false, 0));
+  }
+}
+
+TEST_F(RequesterDalReadyTest, TornDownDalFreesEveryEntity) {
+  build();
+  dal->dalReadySmIs(sm);
+  {
+    const Kel::Ptr<RequesterDal::DalReadySm> held = std::exchange(sm, nullptr);
+    observer = nullptr;
+    dal = nullptr;
+    EXPECT_EQ(held->dal(), nullptr);
+    requester->readyIs(true);  // the dying DAL made the machine's reactors ignore this
+  }
+  requester = nullptr;
+  helper = nullptr;
+  EXPECT_EQ(Kel::TypeRegistry::liveEntities(), liveAtStart);
+}
+
+// ---------------------------------------------------------------------------------------
+// Traced texts
+
+TEST_F(RequesterDalTest, TracesNameEachDecision) {
+  DalTrace trace;
+  EXPECT_CALL(*requester, read(_, _, _, _, _)).WillOnce(Return(1));
+  const std::vector<std::pair<std::function<void()>, Lines>> steps = {
+      {[&] {
+         dal->okToReadFromShadowIs(false);
+         read();
+       },
+       {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
+        {8, "readFromShadow shadowDal local shadow access is disabled"}}},
+      {[&] {
+         dal->hwAccessAllowedIs(false);
+         read();
+       },
+       {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
+        {9,
+         "readFromShadow shadowDal hardware access not allowed or forced to read from shadow,"}}},
+      {[&] {
+         const CohabitingEnv env(true);
+         write();
+       },
+       {{9, "RequesterDal::dalWrite resource type 1 resource id 0x41 size 8 offset 0x1000"},
+        {9, "writeToShadow shadowDal hardware access not allowed, skip writing to hardware "},
+        {9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex 1"}}},
+      {[&] { dal->waitForCompletion(0); },
+       {{8, "waitForCompletion skipping hardware access for device 0"}}},
+      {[&] { RequesterDal::DalReadySm::DalReadySmIs(requester, dal); },
+       {{7,
+         "XpRequesterDal::DalReadySm::handleRequesterReady requesterReady False "
+         "hwAccessAllowed False"}}},
+  };
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    trace.clear();
+    steps[i].first();
+    EXPECT_THAT(trace.lines(), ElementsAreArray(steps[i].second)) << "step " << i;
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// Broken invariants
+
+// `text` as an extended regular expression that matches it literally.
+std::string literal(std::string_view text) {
+  std::string out;
+  for (char ch : text) {
+    if (std::strchr("\\^$.|?*+()[]{}", ch)) out += '\\';
+    out += ch;
+  }
+  return out;
+}
+
+std::string assertion(std::string_view text) {
+  return "Assertion failed: " + literal(text) + ", file";
+}
+
+using RequesterDalDeathTest = RequesterDalTest;
+
+TEST_F(RequesterDalDeathTest, SingleAccessInvariants) {
+  TargetMask devices01 = oneDeviceMask(0);
+  devices01.targetIdIs(TargetId(1), true);
+  EXPECT_DEATH(write(devices01), assertion("targetMask.targets() == 1"));
+  EXPECT_DEATH(write(oneDeviceMask(1)), assertion("devId.value() == 0"));
+  EXPECT_DEATH(
+      {
+        helper->failShadowWrite = true;
+        write();
+      },
+      assertion("retVal == 0"));
+  EXPECT_DEATH(
+      {
+        EXPECT_CALL(*requester, write(_, _, _, _, _, _, _)).WillOnce(Return(-1));
+        write();
+      },
+      assertion("cmdIndex >= 0"));
+  // The one way past a refusing shadow to the hardware with access off: access goes off
+  // between the shadow's refusal and the hardware step.
+  helper->isCacheable = false;
+  helper->switchOffOnCacheable = dal.ptr();
+  EXPECT_DEATH(read(), assertion("hwAccessAllowed()"));
+}
+
+TEST_F(RequesterDalDeathTest, VerifiedAccessOfAnotherSize) {
+  dal->verifyEnabledIs(true);
+  EXPECT_DEATH(read(4), literal("Failed(( size == entrySizeBytes ))  resource  resource id 0x41 "
+                                "size 4 entrySizeBytes 8\n") +
+                            assertion("!\"( size == entrySizeBytes )\""));
+  EXPECT_DEATH(write(oneDeviceMask(0), 4), assertion("size == entrySizeBytes"));
+}
+
+TEST_F(RequesterDalDeathTest, BulkInvariants) {
+  const std::string tooLarge = assertion("size <= maxBulkTransactionSizeInBytes()");
+  EXPECT_DEATH(bulk(bulkWriteCmd(), maxBulkTransactionSizeInBytes() + 1), tooLarge);
+  EXPECT_DEATH(bulk(bulkReadCmd(), maxBulkTransactionSizeInBytes() + 1), tooLarge);
+  EXPECT_DEATH(dal->doBulkOperation(oneDeviceMask(0), kTableOffset, buffer.data(), kEntry, nullptr,
+                                    Command::readCmd_),
+               assertion("cmd == Zorvek::bulkReadCmd()"));
+  helper->entrySize = 0;
+  EXPECT_DEATH(bulk(bulkReadCmd(), kEntry), assertion("entrySizeInBytes"));
+}
+
+TEST_F(RequesterDalDeathTest, BaseShadowHooksMustBeOverridden) {
+  const auto base = requesterDalFactory("base", requester);
+  base->helperIs(helper);
+  const std::string text = assertion("0 && \"Must be implemented by derived class\"");
+  EXPECT_DEATH(base->dalRead(0, kTableOffset, kEntry, buffer.data(), nullptr), text);
+  EXPECT_DEATH(base->dalWrite(oneDeviceMask(0), kTableOffset, kEntry, kData.data(), nullptr), text);
+}
+
+}  // namespace
+}  // namespace Zorvek
