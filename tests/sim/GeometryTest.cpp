@@ -96,6 +96,7 @@ struct BadCase {
   std::vector<RegisterSpec> registers;
   const char* message;
 };
+void PrintTo(const BadCase& c, std::ostream* os) { *os << c.what; }
 
 class GeometryBadDescriptionTest : public ::testing::TestWithParam<BadCase> {};
 
