@@ -50,8 +50,8 @@ Kel::Ptr<Kel::Dir> Database::dirIs(std::string_view path) {
     dir = Kel::dynamicPtrCast<Kel::Dir>(child);
     if (!dir) {
       const Kel::String at = pathOf(names, i + 1);
-      throw PathError(
-          at, "Skorra: \"" + at + "\" holds a " + child->fwkType().name() + ", not a directory");
+      throw PathError(at, "\"" + at + "\" holds an entity of type " + child->fwkType().name() +
+                              ", not a directory");
     }
   }
   return dir;
@@ -59,7 +59,7 @@ Kel::Ptr<Kel::Dir> Database::dirIs(std::string_view path) {
 
 Kel::Ptr<Kel::Dir> Database::parentDirIs(std::string_view path, Kel::String& leaf) {
   std::vector<Kel::String> names = pathNames(path);
-  if (names.empty()) throw PathError("", "Skorra: the root directory cannot be replaced");
+  if (names.empty()) throw PathError("", "the root directory cannot be replaced");
   leaf = names.back();
   return dirIs(pathOf(names, names.size() - 1));
 }

@@ -26,7 +26,8 @@
 namespace Skorra {
 
 // A path that cannot be walked or created: a name along it holds an entity that is not a
-// directory, or the path names no entry at all where one is required.
+// directory, or the path names no entry at all where one is required. The message names
+// the path: "\"a/b\" holds an entity of type Orv::WatchList, not a directory".
 class KEL_EXPORT PathError : public std::runtime_error {
  public:
   PathError(Kel::String path, const std::string& what)

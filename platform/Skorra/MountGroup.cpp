@@ -70,7 +70,7 @@ MountGroup::Binding MountGroup::bind(const Mount& mount) const {
     entity = database_->entity(mount.path());
     if (!entity) throw mountError(mount, "nothing is published there");
     if (entity->fwkType().name() != mount.typeName())
-      throw mountError(mount, "it holds a " + entity->fwkType().name());
+      throw mountError(mount, "it holds an entity of type " + entity->fwkType().name());
   }
   const bool writable = mount.mode()[0] == 'w';
   if (auto dir = Kel::dynamicPtrCast<const Kel::Dir>(entity); dir && !writable)

@@ -115,7 +115,7 @@ S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataByte
                             U32 maskBytes) {
   if (!queue_) {
     DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s no queue: no configuration directory",
-                 name(), header.command);
+                 name(), commandName(header.command));
     return -1;
   }
   if (queue_->full()) {
@@ -123,7 +123,7 @@ S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataByte
     queue_->drain();
     if (queue_->full()) {
       DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s queue full and no serializer drains it",
-                   name(), header.command);
+                   name(), commandName(header.command));
       return -1;
     }
   }
@@ -133,7 +133,7 @@ S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataByte
   watchLog_.commandIs(header.command, header.targets, header.resourceId, header.offset,
                       header.bytes(), header.cmdIndex);
   DUWISP_TRACE(th(), 9, "QueueRequester::enqueue %s %s cmdIndex %s offset 0x%x", name(),
-               header.command, header.cmdIndex, header.offset);
+               commandName(header.command), header.cmdIndex, header.offset);
   return static_cast<S64>(header.cmdIndex);
 }
 

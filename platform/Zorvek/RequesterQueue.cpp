@@ -3,11 +3,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 namespace Zorvek {
 
 KEL_DEFINE_ENTITY_TYPE(RequesterQueue, "Zorvek::RequesterQueue")
 KEL_DEFINE_ENTITY_TYPE(QueueAttacher, "Zorvek::QueueAttacher")
+
+std::string commandName(Command command) {
+  std::ostringstream os;
+  os << command;
+  return os.str();
+}
 
 RequesterQueue::RequesterQueue(Kel::String name, AgentId agentId, DalId dalId, unsigned queueSize,
                                IoMemType ioMemType)

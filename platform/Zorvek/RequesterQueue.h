@@ -24,6 +24,7 @@
 
 #include <cstdint>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "Kel/Dir.h"
@@ -63,6 +64,10 @@ struct CommandHeader {
   // The bytes the command moves: the entries of a bulk command, else `size`.
   U32 bytes() const { return numEntries ? entrySize * numEntries : size; }
 };
+
+// The command's text ("write", "bulkRead", ...), for traces: a trace argument of an enum
+// type would print its number.
+KEL_EXPORT std::string commandName(Command command);
 
 // The headers of each kind of command.
 inline CommandHeader singleCommand(Command command, const TargetMask& targets,

@@ -80,11 +80,12 @@ S64 SchanRequester::submit(CommandHeader header, const void* data, U32 dataBytes
   issueHeldBack();
   if (immediate && (heldBack_->depth() || !canIssue(header.targets))) {
     DUWISP_TRACE(th(), 3, "SchanRequester::%s %s cannot be issued now: backend %s heldBack %s",
-                 header.command, name(), bool(schanBackend()), heldBack_->depth());
+                 commandName(header.command), name(), bool(schanBackend()), heldBack_->depth());
     return -1;
   }
   if (heldBack_->full()) {
-    DUWISP_TRACE(th(), 3, "SchanRequester::%s %s held-back queue full", header.command, name());
+    DUWISP_TRACE(th(), 3, "SchanRequester::%s %s held-back queue full", commandName(header.command),
+                 name());
     return -1;
   }
   header.cmdIndex = takeCmdIndex();
@@ -93,8 +94,8 @@ S64 SchanRequester::submit(CommandHeader header, const void* data, U32 dataBytes
   KEL_ASSERT(queued);
   watchLog_.commandIs(header.command, header.targets, header.resourceId, header.offset,
                       header.bytes(), index);
-  DUWISP_TRACE(th(), 9, "SchanRequester::%s %s cmdIndex %s offset 0x%x", header.command, name(),
-               index, header.offset);
+  DUWISP_TRACE(th(), 9, "SchanRequester::%s %s cmdIndex %s offset 0x%x",
+               commandName(header.command), name(), index, header.offset);
   bool failed;
   if (header.command == Command::readCmd_) {
     failed = !heldBack_->drainRead(index, readData, header.size);
@@ -104,7 +105,8 @@ S64 SchanRequester::submit(CommandHeader header, const void* data, U32 dataBytes
              (immediate && heldBack_->lastCompletedCmdIndex() < index);
   }
   if (!failed) return static_cast<S64>(index);
-  DUWISP_TRACE(th(), 3, "SchanRequester::%s %s cmdIndex %s failed", header.command, name(), index);
+  DUWISP_TRACE(th(), 3, "SchanRequester::%s %s cmdIndex %s failed", commandName(header.command),
+               name(), index);
   return -1;
 }
 
