@@ -168,6 +168,25 @@ TEST_F(SchanRequesterTest, RefusedCommandReturnsANegativeIndex) {
   EXPECT_EQ(r->failedCmds(), 2u);
 }
 
+TEST_F(SchanRequesterTest, WatchLogKeepsTheLatestWatchedCommandsPerDevice) {
+  schanBackendIs(backend);
+  auto watchList = Kel::allocate<Orv::WatchList>(Kel::Name("watchlist"));
+  watchList->watchIs(DeviceId(1), kTable);
+  auto r = Kel::allocate<SchanRequester>("a5-Schan-Queue", AgentId(5), 8, DalId(0), nullptr,
+                                         watchList, 5u);
+  U8 data[1] = {1};
+  const std::size_t writes = Orv::WatchLog::kCapacity + 2;
+  for (std::size_t i = 0; i < writes; ++i)
+    r->write(devices({0, 1, 2}), kTable, DeviceOffset(i), data, nullptr, 1, false);
+  r->write(devices({1}), PhysicalResourceId(ResourceType::tableResource_, 8), 0, data, nullptr, 1,
+           false);
+  const Orv::WatchLog& log = r->watchLog();
+  EXPECT_EQ(log.recorded(), writes);  // device 1 only, and only the watched table
+  ASSERT_EQ(log.records().size(), Orv::WatchLog::kCapacity);
+  EXPECT_EQ(log.records().front(),
+            (Orv::WatchLog::Record{Command::writeCmd_, DeviceId(1), kTable, 2, 1, 3}));
+}
+
 TEST_F(SchanRequesterTest, AttachAndDetachKeepTheRecordOfCoprocessors) {
   auto r = makeRequester();
   const Corvane::Coprocessor a(1, 10), a2(1, 11), b(2, 20), invalid;
