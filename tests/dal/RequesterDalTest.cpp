@@ -203,6 +203,18 @@ class RequesterDalTest : public ::testing::Test {
     expectation.WillOnce(DoAll(SaveArg<3>(&dataSeen), SaveArg<4>(&maskSeen), Return(7)));
   }
 
+  // Expects one bulk command of `entries` whole entries from the table's physical address.
+  void expectBulk(Command cmd, U32 entries, S64 index) {
+    if (cmd == bulkWriteCmd())
+      EXPECT_CALL(*requester, bulkWrite(oneDeviceMask(0), kTable, kTableOffset, kPhysAddr, nullptr,
+                                        kEntry, entries))
+          .WillOnce(Return(index));
+    else
+      EXPECT_CALL(*requester,
+                  bulkRead(DeviceId(0), kTable, kTableOffset, kPhysAddr, kEntry, entries))
+          .WillOnce(Return(index));
+  }
+
   std::int64_t liveAtStart = 0;
   Kel::Ptr<FakeHelper> helper;
   Kel::Ptr<StrictMock<MockRequester>> requester;
@@ -381,6 +393,19 @@ TEST_F(RequesterDalTest, WaitForCompletionWaitsForLastCommandUnlessHwOff) {
   dal->waitForCompletion(0);  // a second wait would be an unexpected call
 }
 
+TEST_F(RequesterDalTest, FactoryBuildsTrackedDalOfRegisteredTypes) {
+  const Kel::Type& dalType = RequesterDal::staticType();
+  const std::int64_t live = dalType.liveCount();
+  const Kel::Ptr<RequesterDal> made = requesterDalFactory("made", requester);
+  EXPECT_EQ(std::tuple(made->name(), made->requester(), made->dalReadySm(), dalType.liveCount()),
+            std::tuple("made", Kel::Ptr<Requester>(requester), nullptr, live + 1));
+  EXPECT_EQ(made->fwkType().name(), "Zorvek::RequesterDal");
+  const Kel::Type& smType = RequesterDal::DalReadySm::staticType();
+  EXPECT_EQ(smType.name(), "Zorvek::RequesterDal::DalReadySm");
+  EXPECT_LT(smType.registrationIndex(), dalType.registrationIndex());
+  EXPECT_NE(Kel::traceHandle("ZorvekQueue"), nullptr);
+}
+
 TEST_F(RequesterDalTest, CoprocessorCheckerIsCopiedToRequester) {
   const auto checker = Kel::allocate<CoprocessorChecker>("checker");
   dal->coprocessorCheckerIs(checker);
@@ -408,13 +433,7 @@ TEST_P(RequesterDalBulkTest, WholeEntriesTravelByPhysicalAddress) {
   const BulkCase& c = GetParam();
   const U32 entries = c.size / kEntry;
   dal->hwAccessAllowedIs(c.hw);
-  if (c.hwIndex && c.cmd == bulkWriteCmd())
-    EXPECT_CALL(*requester, bulkWrite(oneDeviceMask(0), kTable, kTableOffset, kPhysAddr, nullptr,
-                                      kEntry, entries))
-        .WillOnce(Return(*c.hwIndex));
-  if (c.hwIndex && c.cmd == bulkReadCmd())
-    EXPECT_CALL(*requester, bulkRead(DeviceId(0), kTable, kTableOffset, kPhysAddr, kEntry, entries))
-        .WillOnce(Return(*c.hwIndex));
+  if (c.hwIndex) expectBulk(c.cmd, entries, *c.hwIndex);
   DalTrace trace;
   EXPECT_EQ(bulk(c.cmd, c.size), c.result);
   const Lines::value_type nothingToDo{
@@ -440,18 +459,12 @@ INSTANTIATE_TEST_SUITE_P(Commands, RequesterDalBulkTest, ::testing::ValuesIn(std
 
 TEST_F(RequesterDalTest, BulkShadowSizeIsCutToSixteenBitsButCommandIsNot) {
   const U32 size = 0x10000 + 2 * kEntry;
-  const TargetMask device0 = oneDeviceMask(0);
-  EXPECT_CALL(*requester,
-              bulkWrite(device0, kTable, kTableOffset, kPhysAddr, nullptr, kEntry, size / kEntry))
-      .WillOnce(Return(1));
-  EXPECT_CALL(*requester,
-              bulkRead(DeviceId(0), kTable, kTableOffset, kPhysAddr, kEntry, size / kEntry))
-      .WillOnce(Return(2));
-  EXPECT_EQ(
-      dal->doBulkOperation(device0, kTableOffset, buffer.data(), size, nullptr, bulkWriteCmd()), 0);
-  helper->shadow.clear();
-  EXPECT_EQ(
-      dal->doBulkOperation(device0, kTableOffset, buffer.data(), size, nullptr, bulkReadCmd()), 0);
+  for (Command cmd : {bulkWriteCmd(), bulkReadCmd()}) {
+    helper->shadow.clear();
+    expectBulk(cmd, size / kEntry, 1);
+    EXPECT_EQ(
+        dal->doBulkOperation(oneDeviceMask(0), kTableOffset, buffer.data(), size, nullptr, cmd), 0);
+  }
   EXPECT_THAT(dal->shadowSizes, ElementsAre(2 * kEntry, 2 * kEntry));
 }
 
@@ -548,7 +561,13 @@ TEST_F(RequesterDalReadyTest, TornDownDalFreesEveryEntity) {
     observer = nullptr;
     dal = nullptr;
     EXPECT_EQ(held->dal(), nullptr);
-    requester->readyIs(true);  // the dying DAL made the machine's reactors ignore this
+    requester->readyIs(true);
+    // The dying DAL turned the machine's reactors into zombies: even retargeted, the
+    // machine evaluates once and then ignores late notifications.
+    const auto otherDal = makeDal(false);
+    held->dalIs(otherDal);
+    requester->readyIs(false);
+    EXPECT_TRUE(otherDal->ready());
   }
   requester = nullptr;
   helper = nullptr;
@@ -561,34 +580,24 @@ TEST_F(RequesterDalReadyTest, TornDownDalFreesEveryEntity) {
 TEST_F(RequesterDalTest, TracesNameEachDecision) {
   DalTrace trace;
   EXPECT_CALL(*requester, read(_, _, _, _, _)).WillOnce(Return(1));
+  // clang-format off
   const std::vector<std::pair<std::function<void()>, Lines>> steps = {
-      {[&] {
-         dal->okToReadFromShadowIs(false);
-         read();
-       },
-       {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
-        {8, "readFromShadow shadowDal local shadow access is disabled"}}},
-      {[&] {
-         dal->hwAccessAllowedIs(false);
-         read();
-       },
-       {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
-        {9,
-         "readFromShadow shadowDal hardware access not allowed or forced to read from shadow,"}}},
-      {[&] {
-         const CohabitingEnv env(true);
-         write();
-       },
-       {{9, "RequesterDal::dalWrite resource type 1 resource id 0x41 size 8 offset 0x1000"},
-        {9, "writeToShadow shadowDal hardware access not allowed, skip writing to hardware "},
-        {9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex 1"}}},
-      {[&] { dal->waitForCompletion(0); },
-       {{8, "waitForCompletion skipping hardware access for device 0"}}},
-      {[&] { RequesterDal::DalReadySm::DalReadySmIs(requester, dal); },
-       {{7,
-         "XpRequesterDal::DalReadySm::handleRequesterReady requesterReady False "
-         "hwAccessAllowed False"}}},
-  };
+    {[&] { dal->okToReadFromShadowIs(false); read(); },
+     {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
+      {8, "readFromShadow shadowDal local shadow access is disabled"}}},
+    {[&] { dal->hwAccessAllowedIs(false); read(); },
+     {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
+      {9, "readFromShadow shadowDal hardware access not allowed or forced to read from shadow,"}}},
+    {[&] { const CohabitingEnv env(true); write(); },
+     {{9, "RequesterDal::dalWrite resource type 1 resource id 0x41 size 8 offset 0x1000"},
+      {9, "writeToShadow shadowDal hardware access not allowed, skip writing to hardware "},
+      {9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex 1"}}},
+    {[&] { dal->waitForCompletion(0); },
+     {{8, "waitForCompletion skipping hardware access for device 0"}}},
+    {[&] { RequesterDal::DalReadySm::DalReadySmIs(requester, dal); },
+     {{7, "XpRequesterDal::DalReadySm::handleRequesterReady requesterReady False "
+          "hwAccessAllowed False"}}}};
+  // clang-format on
   for (std::size_t i = 0; i < steps.size(); ++i) {
     trace.clear();
     steps[i].first();
@@ -658,12 +667,14 @@ TEST_F(RequesterDalDeathTest, BulkInvariants) {
   EXPECT_DEATH(bulk(bulkReadCmd(), kEntry), assertion("entrySizeInBytes"));
 }
 
-TEST_F(RequesterDalDeathTest, BaseShadowHooksMustBeOverridden) {
+TEST_F(RequesterDalDeathTest, BaseHooksAndMissingRequester) {
   const auto base = requesterDalFactory("base", requester);
   base->helperIs(helper);
   const std::string text = assertion("0 && \"Must be implemented by derived class\"");
   EXPECT_DEATH(base->dalRead(0, kTableOffset, kEntry, buffer.data(), nullptr), text);
   EXPECT_DEATH(base->dalWrite(oneDeviceMask(0), kTableOffset, kEntry, kData.data(), nullptr), text);
+  EXPECT_DEATH(requesterDalFactory("none", nullptr)->waitForCompletion(0),
+               assertion("requester()"));
 }
 
 }  // namespace
