@@ -1,8 +1,20 @@
 #include "Zorvek/DemuxDalCreator.h"
 
+#include <cstdlib>
+#include <map>
 #include <string>
 
+#include "Duwisp/Duwisp.h"
+#include "Kel/Assert.h"
+#include "Kel/Dir.h"
 #include "Kel/Parse.h"
+#include "Orv/WatchList.h"
+#include "Skorra/MountGroup.h"
+#include "Zorvek/DemuxDal.h"
+#include "Zorvek/QueueRequester.h"
+#include "Zorvek/RequesterDalRemote.h"
+#include "Zorvek/RequesterDalSchan.h"
+#include "Zorvek/SchanRequester.h"
 
 namespace Zorvek {
 
@@ -11,6 +23,15 @@ KEL_DEFINE_VALUE_TYPE(SerializerId, "Zorvek::SerializerId")
 KEL_DEFINE_ENTITY_TYPE(SerializerInfo, "Zorvek::SerializerInfo")
 
 namespace {
+
+Kel::TraceHandle& th() {
+  static Kel::TraceHandle h("ZorvekDemuxDalCreator");
+  return h;
+}
+
+const char* const kWatchListPath = "platform/debug/watchlist";
+// Both the S-channel and the queue requesters hold up to this many commands.
+constexpr unsigned int kQueueSize = 1024;
 
 // The collection writers of the creator share one shape: store or remove, then notify for
 // the key, and only when the collection changed.
@@ -262,6 +283,188 @@ AgentId DemuxDalCreator::ownerAgentIdForPhysicalResource(const PhysicalResourceI
   auto it = physicalToLogicalResourceMap_.find(id);
   if (it == physicalToLogicalResourceMap_.end()) return kInvalidAgentId;
   return ownerAgentIdForLogicalResource(it->second);
+}
+
+void DemuxDalCreator::doMounts(const Kel::Ptr<Skorra::MountGroup>& mountGroup) {
+  DUWISP_TRACE(th(), 0, "doMounts");
+  mountGroupIs(mountGroup.ptr());
+  auto mount = [&](const Kel::String& path, const char* typeName, const char* mode) {
+    mountGroup->doMount(Skorra::Mount(path, typeName, mode));
+  };
+  for (const auto& [sid, sInfo] : serializerInfo_) {
+    DUWISP_TRACE(th(), 7, "Mounting Serializer %s configDir %s statusDir %s", sInfo->agentId(),
+                 sInfo->configDirName(), sInfo->statusDirName());
+    // As a serializer this agent reads its configuration and writes its status.
+    if (sInfo->agentId() != requesterAgentId()) continue;
+    mount(sInfo->configDirName(), "Kel::Dir", "ri");
+    mount(sInfo->statusDirName(), "Kel::Dir", "wi");
+  }
+  if (useSimulationForDefaultDal()) {
+    const Kel::Ptr<SerializerInfo> sInfo = serializerInfo(simulationSerializerId());
+    KEL_ASSERT(sInfo);
+    mount(sInfo->configDirName(), "Kel::Dir", "wi");
+    mount(sInfo->statusDirName(), "Kel::Dir", "ri");
+  }
+  if (!coprocessorStatusAttrLogPath().empty())
+    mount(coprocessorStatusAttrLogPath(), "Corvane::CoprocessorStatusAttrLog", "r");
+  mount(kWatchListPath, "Orv::WatchList", "ri");
+  if (!logicalRemoteResources()) return;
+  for (const auto& [logicalId, mask] : logicalRemoteResources()->dataMaskCol()) {
+    const Kel::Ptr<SerializerInfo> sInfo = remoteSerializerInfo(logicalId);
+    DUWISP_TRACE(th(), 7, "Mounting resource %s for serializer agent %s requester agent %s",
+                 logicalId, sInfo->agentId(), requesterAgentId());
+    KEL_ASSERT(sInfo->agentId() != requesterAgentId());
+    // As a requester towards another serializer it writes that serializer's configuration
+    // (where the queue lives) and reads its status.
+    mount(sInfo->configDirName(), "Kel::Dir", "wi");
+    mount(sInfo->statusDirName(), "Kel::Dir", "ri");
+  }
+}
+
+Kel::Ptr<SerializerInfo> DemuxDalCreator::remoteSerializerInfo(const LogicalResourceId& id) const {
+  const Kel::Ptr<SerializerInfo> sInfo = serializerInfo(serializerIdMap(id));
+  KEL_ASSERT(sInfo);
+  return sInfo;
+}
+
+Kel::Ptr<Kel::Entity> DemuxDalCreator::mountedEntity(const Kel::String& path) const {
+  return mountGroup_ ? mountGroup_->entityManager()->getEntity(path) : nullptr;
+}
+
+// ---------------------------------------------------------------------------------------
+// Requesters
+
+DalId DemuxDalCreator::takeDalId() {
+  const DalId dalId = nextDalId();
+  nextDalIdInc(DalId(1));
+  KEL_ASSERT_TEXT(nextDalId().value() != 0, "nextDalId()");
+  return dalId;
+}
+
+Kel::Ptr<Requester> DemuxDalCreator::createRequester(SerializerId sid) {
+  DUWISP_TRACE(th(), 0, "createRequester SerializerId %s", sid);
+  const Kel::Ptr<SerializerInfo> sInfo = serializerInfo(sid);
+  KEL_ASSERT(sInfo);
+  const auto configDir = Kel::dynamicPtrCast<Kel::Dir>(mountedEntity(sInfo->configDirName()));
+  const auto statusDir = Kel::dynamicPtrCast<const Kel::Dir>(mountedEntity(sInfo->statusDirName()));
+  const auto watchList = Kel::dynamicPtrCast<Orv::WatchList>(mountedEntity(kWatchListPath));
+  DUWISP_TRACE(th(), 7, "Mounting watchlist");
+  KEL_ASSERT_TEXT(requesterName(requesterAgentId()) != "",
+                  "requesterName( requesterAgentId() ) != \"\"");
+  const Kel::String requesterSerializerName =
+      requesterName(requesterAgentId()) + "-" + sInfo->name();
+  DUWISP_TRACE(th(), 0, "createRequester requesterSerializerName %s", requesterSerializerName);
+  const Kel::String queueName = requesterSerializerName + "-Queue";
+  DUWISP_TRACE(th(), 0, "createRequester queueName %s", queueName);
+  const Kel::String kickName = "Kick-" + requesterSerializerName + "-Requester";
+  const DalId dalId = takeDalId();
+  const Kel::Ptr<DalProcessingStatusCol> statusCol = dalProcessingStatusColIs();
+  statusCol->processingStatusIs(dalId);
+  if (trackErrors()) statusCol->processingStatus(dalId)->errorTrackingIs(true);
+  const Kel::Ptr<DalProcessingStatus> status = statusCol->processingStatus(dalId);
+  return Kel::allocate<QueueRequester>(queueName, requesterAgentId(), kQueueSize, dalId, status,
+                                       watchList, IoMemType(1), configDir, statusDir,
+                                       sInfo->kickFifoName(), kickName);
+}
+
+// ---------------------------------------------------------------------------------------
+// Assembly
+
+Kel::String DemuxDalCreator::schanQueueName() const {
+  Kel::String name = requesterName(requesterAgentId());
+  if (!sliceId().empty()) name += "-" + sliceId();
+  return name + "-Schan-Queue";
+}
+
+void DemuxDalCreator::makeLocalCoprocessorStatus() {
+  if (coprocessorStatusAttrLogPath().empty()) {
+    localCoprocessorStatusIs(
+        Kel::allocate<Corvane::CoprocessorStatus>(Kel::Name("dalCoprocessorStatus")));
+    return;
+  }
+  coprocessorStatusAttrLogIs(Kel::dynamicPtrCast<const Corvane::CoprocessorStatusAttrLog>(
+      mountedEntity(coprocessorStatusAttrLogPath())));
+  localCoprocessorStatusIs(
+      Kel::allocate<Corvane::CoprocessorStatus>(Kel::Name("dalCoprocessorStatus")));
+  // The adapter is made even when the log was not found: it then leaves the status empty.
+  coprocessorStatusAdapterSmIs(
+      Corvane::CoprocessorStatusAttrLogAdapterSm::CoprocessorStatusAttrLogAdapterSmIs(
+          coprocessorStatusAttrLog(), localCoprocessorStatus()));
+}
+
+Kel::Ptr<RequesterDalSchan> DemuxDalCreator::makeDefaultDal() {
+  DUWISP_TRACE(th(), 2, "Creating schan requester");
+  const Kel::String queueName = schanQueueName();
+  if (!coprocessorStatus()) makeLocalCoprocessorStatus();
+  dalProcessingStatusColIs();
+  const DalId dalId = takeDalId();
+  dalProcessingStatusCol()->processingStatusIs(dalId);
+  const Kel::Ptr<DalProcessingStatus> status = dalProcessingStatusCol()->processingStatus(dalId);
+  const auto watchList = Kel::dynamicPtrCast<Orv::WatchList>(mountedEntity(kWatchListPath));
+  const Kel::Ptr<Corvane::CoprocessorStatus> copStatus =
+      coprocessorStatus() ? coprocessorStatus() : localCoprocessorStatus();
+  KEL_ASSERT(copStatus);
+  // The last argument repeats the agent id on purpose.
+  const auto schan =
+      Kel::allocate<SchanRequester>(queueName, requesterAgentId(), kQueueSize, dalId, status,
+                                    watchList, static_cast<unsigned int>(requesterAgentId()));
+  return requesterDalSchanFactory(Kel::Name("SchanRequesterDal"), schan, copStatus);
+}
+
+void DemuxDalCreator::addRemoteDals(ResourceIdToDalMap& resourceIdToDalMap) {
+  std::map<SerializerId, Kel::Ptr<ResourceIdToDataMaskMap>> dataMaskMaps;
+  const auto& logical = logicalRemoteResources()->dataMaskCol();
+  for (const auto& [logicalId, mask] : logical) {
+    const SerializerId sid = serializerIdMap(logicalId);
+    const Kel::Ptr<SerializerInfo> sInfo = remoteSerializerInfo(logicalId);
+    KEL_ASSERT(sInfo->agentId() != requesterAgentId());
+    const RequesterDataMask dataMask = mask;
+    const Kel::Ptr<PhysicalResourceIdCol> physical = physicalRemoteResources(logicalId);
+    DUWISP_TRACE(th(), 1, "Logical table ID %s serializerId %s", logicalId, sid);
+    if (!dataMask.flag()) continue;
+    Kel::Ptr<ResourceIdToDataMaskMap>& masks = dataMaskMaps[sid];
+    if (!masks) masks = Kel::allocate<ResourceIdToDataMaskMap>();
+    if (physical)
+      for (const PhysicalResourceId& pid : physical->resourceIdCol())
+        masks->dataMaskIs(pid, dataMask);
+  }
+  std::map<SerializerId, Kel::Ptr<RequesterDalRemote>> remoteDalMap;
+  for (const auto& [logicalId, mask] : logical) {
+    const SerializerId sid = serializerIdMap(logicalId);
+    Kel::Ptr<RequesterDalRemote>& dal = remoteDalMap[sid];
+    if (dal) {
+      DUWISP_TRACE(th(), 1, "Found existing dal for %s", sid);
+    } else {
+      const Kel::Ptr<Requester> requester = createRequester(sid);
+      auto masks = dataMaskMaps.find(sid);
+      dal = requesterDalRemoteFactory(Kel::Name(requester->name()), requester,
+                                      masks == dataMaskMaps.end() ? nullptr : masks->second);
+    }
+    const Kel::Ptr<PhysicalResourceIdCol> physical = physicalRemoteResources(logicalId);
+    if (!physical) continue;
+    for (const PhysicalResourceId& pid : physical->resourceIdCol()) {
+      DUWISP_TRACE(th(), 1, "Setting requester dal for resource type %s id 0x%x", pid.type(),
+                   pid.id());
+      resourceIdToDalMap.dalIs(pid, dal);
+      dal->remoteResourceIs(pid, true);
+    }
+  }
+}
+
+Kel::Ptr<DemuxDal> DemuxDalCreator::demuxDal() {
+  const Kel::Ptr<RequesterDalSchan> defaultDal = makeDefaultDal();
+  const Kel::Ptr<ResourceIdToDalMap> resourceIdToDalMap = resourceIdToDalMapFactory();
+  // With local shadow access forced (any value), everything goes to the default DAL.
+  if (logicalRemoteResources() && !std::getenv("XP_FORCE_LOCAL_SHADOW_ACCESS"))
+    addRemoteDals(*resourceIdToDalMap);
+  const Kel::Ptr<DemuxDal> demux =
+      demuxDalFactory(Kel::Name("demuxDal"), Kel::Ptr<const DemuxDalCreator>(this), defaultDal,
+                      resourceIdToDalMap, dalProcessingStatusCol());
+  demux->hwAccessAllowedIs(!std::getenv("XP_SKIP_HW_ACCESS"));
+  demux->okToReadFromShadowIs(true);
+  demux->okToWriteToShadowIs(true);
+  if (std::getenv("SIMULATION_VMID")) demux->verifyEnabledIs(true);
+  return demux;
 }
 
 }  // namespace Zorvek

@@ -30,6 +30,11 @@ class MountGroup;
 
 namespace Zorvek {
 
+class DemuxDal;
+class Requester;
+class RequesterDalSchan;
+class ResourceIdToDalMap;
+
 // Names one serializer agent. 0 is a valid identifier and also what a missing map entry
 // reads as.
 class KEL_EXPORT SerializerId {
@@ -248,6 +253,22 @@ class KEL_EXPORT DemuxDalCreator : public Kel::Entity {
   // of its logical resource.
   AgentId ownerAgentIdForPhysicalResource(const PhysicalResourceId& id) const;
 
+  // Records the mount group and requests, in order, every state-database path this agent
+  // needs: its own serializer directories (configuration read-only, status writable), the
+  // simulation serializer's, the coprocessor status log, the debug watch list, and the
+  // directories of each serializer owning a remote resource (configuration writable, status
+  // read-only). Asserts "sInfo->agentId() != requesterAgentId()" for a remote resource that
+  // names this agent as its owner.
+  virtual void doMounts(const Kel::Ptr<Skorra::MountGroup>& mountGroup);
+  // Builds this agent's DAL tree from the mounted state: the S-channel requester and its
+  // DAL as the default DAL, one queue requester and remote DAL per serializer owning remote
+  // resources, the routes of every physical id, and a new DemuxDal over them. Each call
+  // builds a new tree; the creator keeps none of it.
+  virtual Kel::Ptr<DemuxDal> demuxDal();
+  // The queue requester of this agent towards serializer `sid` (named
+  // <requester>-<serializer>-Queue), with a fresh DAL id and processing-status entry.
+  Kel::Ptr<Requester> createRequester(SerializerId sid);
+
   Kel::NotifieeList<DemuxDalCreator>& notifiees() const { return notifiees_; }
 
  protected:
@@ -256,6 +277,17 @@ class KEL_EXPORT DemuxDalCreator : public Kel::Entity {
  private:
   template <class V>
   void store(V& field, const V& v, void (NotifieeConst::*onX)());
+  // The description of the serializer owning a logical resource (serializer 0 when the
+  // resource is not mapped); asserts that it exists.
+  Kel::Ptr<SerializerInfo> remoteSerializerInfo(const LogicalResourceId& id) const;
+  // The entity at a path through the mount group, or null.
+  Kel::Ptr<Kel::Entity> mountedEntity(const Kel::String& path) const;
+  // Hands out the next DAL id; asserts "nextDalId()" when the counter wraps to 0.
+  DalId takeDalId();
+  Kel::String schanQueueName() const;
+  void makeLocalCoprocessorStatus();
+  Kel::Ptr<RequesterDalSchan> makeDefaultDal();
+  void addRemoteDals(ResourceIdToDalMap& resourceIdToDalMap);
 
   AgentId requesterAgentId_;
   Kel::Ptr<const LogicalRemoteResourceIdCol> logicalRemoteResources_;
