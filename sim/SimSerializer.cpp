@@ -1,0 +1,132 @@
+#include "sim/SimSerializer.h"
+
+#include <stdexcept>
+#include <vector>
+
+#include "Duwisp/Duwisp.h"
+
+namespace sim {
+
+KEL_DEFINE_ENTITY_TYPE(sim::SimSerializer, "sim::SimSerializer")
+
+namespace {
+
+Kel::TraceHandle& th() {
+  static Kel::TraceHandle h("SimSerializer");
+  return h;
+}
+
+const Kel::String kStatusEntry{Zorvek::SerializerStatus::kEntryName};
+
+}  // namespace
+
+SimSerializer::SimSerializer(Zorvek::SerializerId id, AgentId agentId, Kel::Name name,
+                             Kel::Ptr<SimChipSet> chips, Kel::Ptr<const Kel::Dir> configDir,
+                             Kel::Ptr<Kel::Dir> statusDir)
+    : id_(id),
+      agentId_(agentId),
+      name_(std::move(name)),
+      chips_(std::move(chips)),
+      configDir_(std::move(configDir)),
+      statusDir_(std::move(statusDir)) {
+  if (!chips_ || !configDir_ || !statusDir_)
+    throw std::invalid_argument("SimSerializer '" + name_ +
+                                "' needs chips, a configuration and a status directory");
+  DUWISP_TRACE(th(), 1, "SimSerializer %s id %s agent %s", name_, id_, agentId_);
+  // The status first: attaching the queues below marks them served in it.
+  status_ = Kel::allocate<Zorvek::SerializerStatus>(name_);
+  statusDir_->entityIs(kStatusEntry, status_);
+  attacher_ = Kel::allocate<Zorvek::QueueAttacher>(configDir_, this);
+}
+
+SimSerializer::~SimSerializer() {
+  attacher_ = nullptr;  // detaches every queue: none is served any more
+  if (statusDir_->entity(kStatusEntry) == status_) statusDir_->entityDel(kStatusEntry);
+}
+
+bool SimSerializer::owns(DeviceId devId, const PhysicalResourceId& rid) const {
+  if (rid.type() != ResourceType::tableResource_) return false;
+  if (ownedTable(rid)) return true;
+  const Kel::Ptr<SimChip> chip = chips_->chip(devId);
+  const ResourceLayout* r = chip ? chip->geometry()->layout(rid) : nullptr;
+  return r && ownedTable(r->baseId);
+}
+
+SimSerializer::QueueCounters SimSerializer::counters(const Kel::String& queueName) const {
+  const auto it = queueCounters_.find(queueName);
+  return it == queueCounters_.end() ? QueueCounters{} : it->second;
+}
+
+unsigned SimSerializer::serve() {
+  // Commands may attach or detach queues while they run: walk a copy.
+  std::vector<Kel::Ptr<Zorvek::RequesterQueue>> queues;
+  for (const auto& [name, queue] : attacher_->queues()) queues.push_back(queue);
+  unsigned ran = 0;
+  for (const auto& queue : queues) ran += queue->drain();
+  return ran;
+}
+
+void SimSerializer::restart() {
+  for (const auto& [devId, chip] : chips_->chips()) {
+    for (const PhysicalResourceId& rid : ownedTables_) {
+      const ResourceLayout* r = chip->geometry()->layout(rid);
+      if (!r) continue;
+      // A base id stands for every instance; another instance id for itself only.
+      const auto wiped = r->instance == 0 ? chip->geometry()->instances(rid)
+                                          : std::span<const ResourceLayout>(r, 1);
+      for (const ResourceLayout& instance : wiped) chip->tableWipe(instance.id);
+    }
+  }
+  status_->restartCountInc(1);
+  DUWISP_TRACE(th(), 0, "SimSerializer::restart %s restartCount %s", name_,
+               status_->restartCount());
+}
+
+bool SimSerializer::commandExecute(const Zorvek::RequesterQueue& queue, Zorvek::QueueCommand& cmd) {
+  QueueCounters& counters = queueCounters_[queue.name()];
+  const Zorvek::TargetMask& targets = cmd.targets;
+  for (DeviceId d = targets.firstDevice(); !d.isNull(); d = targets.fapmask().nextFapId(d)) {
+    if (owns(d, cmd.resourceId)) continue;
+    ++counters.rejected;
+    ++rejectedCmds_;
+    DUWISP_TRACE(th(), 3,
+                 "SimSerializer::commandExecute %s rejected %s cmdIndex %s of queue %s: device %s "
+                 "resource type %s id 0x%x is not owned",
+                 name_, Zorvek::commandName(cmd.command), cmd.cmdIndex, queue.name(), d,
+                 cmd.resourceId.type(), cmd.resourceId.id());
+    return false;
+  }
+  ++counters.executed;
+  const bool ok = cmd.command == Zorvek::Command::freeCmd_
+                      ? freeExecute(queue, cmd)
+                      : chips_->commandExecute(cmd, queue.agentId()) >= 0;
+  DUWISP_TRACE(th(), 9, "SimSerializer::commandExecute %s %s cmdIndex %s offset 0x%x ok %s", name_,
+               Zorvek::commandName(cmd.command), cmd.cmdIndex, cmd.offset, ok);
+  return ok;
+}
+
+bool SimSerializer::freeExecute(const Zorvek::RequesterQueue& queue,
+                                const Zorvek::QueueCommand& cmd) {
+  const Kel::Ptr<SimChip> chip = chips_->chip(cmd.devId());
+  if (!chip) return false;
+  const U8* mask = cmd.dataMask.empty() ? nullptr : cmd.dataMask.data();
+  const S32 freed =
+      chip->freeOwned(cmd.resourceId, queue.agentId(), mask, static_cast<U32>(cmd.dataMask.size()));
+  DUWISP_TRACE(th(), 7, "SimSerializer::freeExecute %s agent %s table 0x%x freed %s", name_,
+               queue.agentId(), cmd.resourceId.id(), freed);
+  return freed >= 0;
+}
+
+void SimSerializer::queueAttached(Zorvek::RequesterQueue& queue) {
+  queueCounters_.try_emplace(queue.name());
+  status_->servedQueueIs(queue.name());
+  DUWISP_TRACE(th(), 6, "SimSerializer::queueAttached %s queue %s agent %s", name_, queue.name(),
+               queue.agentId());
+}
+
+void SimSerializer::queueDetached(Zorvek::RequesterQueue& queue) {
+  status_->servedQueueDel(queue.name());
+  DUWISP_TRACE(th(), 6, "SimSerializer::queueDetached %s queue %s", name_, queue.name());
+}
+
+}  // namespace sim
