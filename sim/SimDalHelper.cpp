@@ -32,6 +32,7 @@ void SimDalHelper::deviceIs(DeviceId devId, Kel::Ptr<const Geometry> geometry) {
   d->dma.assign(Zorvek::maxBulkTransactionSizeInBytes(), 0);
   d->geometry = std::move(geometry);
   devices_[devId.value()] = std::move(d);
+  if (!firstDevice_ || devId < *firstDevice_) firstDevice_ = devId;
 }
 
 SimDalHelper::Device* SimDalHelper::findDevice(DeviceId devId) const {
@@ -52,9 +53,8 @@ SimDalHelper::Device& SimDalHelper::device(DeviceId devId) const {
 const SimDalHelper::Device& SimDalHelper::deviceOf(void* optArg) const {
   const SimOptArg a = optArgOf(optArg);
   if (a.magic == kSimOptArgMagic) return device(DeviceId(a.devId));
-  for (const auto& d : devices_)
-    if (d) return *d;
-  throw GeometryError("SimDalHelper: no device");
+  if (!firstDevice_) throw GeometryError("SimDalHelper: no device");
+  return *devices_[firstDevice_->value()];
 }
 
 const ResourceLayout& SimDalHelper::layout(DeviceId devId, const PhysicalResourceId& rid) const {

@@ -24,6 +24,7 @@
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "Zorvek/DalHelper.h"
@@ -137,6 +138,7 @@ class KEL_EXPORT SimDalHelper : public Zorvek::DalHelper {
   U8* shadowAt(DeviceId devId, DeviceOffset offset, U16 size) const;
 
   std::array<std::unique_ptr<Device>, DeviceId::null> devices_;
+  std::optional<DeviceId> firstDevice_;  // the lowest device added
   std::vector<HashTableEntry> hashTableEntries_;
 };
 

@@ -82,14 +82,6 @@ TEST_F(GeometryTest, OffsetOfNothingIsAClearError) {
   EXPECT_EQ(geometry->layout({ResourceType::registerResource_, 0x10}), nullptr);
 }
 
-TEST_F(GeometryTest, ContainsOnlyAccessesInsideTheResource) {
-  const ResourceLayout& route1 = *geometry->layout(kRoute1);
-  EXPECT_TRUE(route1.contains(kRoute1Base, 64));
-  EXPECT_FALSE(route1.contains(kRoute1Base + 1, 64));
-  EXPECT_FALSE(route1.contains(kRoute1Base - 1, 1));
-  EXPECT_FALSE(route1.contains(kHashedBase, 0));
-}
-
 struct BadCase {
   const char* what;
   std::vector<TableSpec> tables;

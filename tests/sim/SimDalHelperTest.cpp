@@ -35,8 +35,8 @@ Kel::Ptr<Geometry> smallGeometry() {
 class SimDalHelperTest : public ::testing::Test {
  protected:
   SimDalHelperTest() {
+    helper->deviceIs(kDev5, smallGeometry());  // added first, yet device 0 is the default
     helper->deviceIs(kDev0, testGeometry());
-    helper->deviceIs(kDev5, smallGeometry());
   }
   SimOptArg optArg(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset) const {
     SimOptArg a;
