@@ -67,9 +67,10 @@ MountGroup::Binding MountGroup::bind(const Mount& mount) const {
       throw mountError(mount, e.what());
     }
   } else {
+    // An optional entity (the watch list, a coprocessor status log) may be absent: the
+    // mount then answers null for its path, and its users go without.
     entity = database_->entity(mount.path());
-    if (!entity) throw mountError(mount, "nothing is published there");
-    if (entity->fwkType().name() != mount.typeName())
+    if (entity && entity->fwkType().name() != mount.typeName())
       throw mountError(mount, "it holds an entity of type " + entity->fwkType().name());
   }
   const bool writable = mount.mode()[0] == 'w';

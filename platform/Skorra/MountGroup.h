@@ -14,9 +14,9 @@
 // writable.
 //
 // Completion: a mount binds the entity at its path when the group completes. A "Kel::Dir"
-// that is absent is created (with the directories above it); any other type must already
-// be published at the path, as an entity whose registered type name (fwkType()) is the
-// requested one. A path holding an entity of another type is a MountError.
+// that is absent is created (with the directories above it); any other type is optional:
+// when published, it must be an entity whose registered type name (fwkType()) is the
+// requested one (another type is a MountError); when absent, the mount answers null.
 //
 // Read-only enforcement. The database is shared: the same directory is often mounted
 // read-only by one agent and writable by another (a serializer reads the configuration

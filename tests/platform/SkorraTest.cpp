@@ -180,9 +180,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadMount{"UnknownMode", Skorra::Mount("x", "Kel::Dir", "rw"), true,
                  "Skorra: cannot mount \"x\" as Kel::Dir (mode \"rw\"): unknown mode"},
-        BadMount{"NothingPublished", Skorra::Mount("p/w", "Orv::WatchList", "ri"), false,
-                 "Skorra: cannot mount \"p/w\" as Orv::WatchList (mode \"ri\"): nothing is "
-                 "published there"},
         BadMount{"OtherType", Skorra::Mount("d", "Orv::WatchList", "ri"), false,
                  "Skorra: cannot mount \"d\" as Orv::WatchList (mode \"ri\"): it holds an entity "
                  "of type Kel::Dir"},
@@ -190,6 +187,16 @@ INSTANTIATE_TEST_SUITE_P(
                  "Skorra: cannot mount \"p/q/r\" as Kel::Dir (mode \"wi\"): \"p/q\" holds an "
                  "entity of type Orv::WatchList, not a directory"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The watch list and the coprocessor status log are optional: a mount of one that is not
+// published completes, and answers null.
+TEST(MountGroupTest, AbsentOptionalEntityMountsAsNull) {
+  auto group = Kel::allocate<Skorra::MountGroup>(Kel::allocate<Skorra::Database>());
+  group->doMount(Skorra::Mount("platform/debug/watchlist", "Orv::WatchList", "ri"));
+  group->completeMounts();
+  EXPECT_TRUE(group->mountsComplete());
+  EXPECT_EQ(group->entityManager()->getEntity("platform/debug/watchlist"), nullptr);
+}
 
 // One agent writes a directory through a writable mount, another reads it read-only.
 class ReadOnlyDirTest : public ::testing::TestWithParam<const char*> {
