@@ -190,7 +190,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // The watch list and the coprocessor status log are optional: a mount of one that is not
 // published completes, and answers null.
-TEST(MountGroupTest, AbsentOptionalEntityMountsAsNull) {
+TEST(MountGroupOptionalTest, AbsentEntityMountsAsNull) {
   auto group = Kel::allocate<Skorra::MountGroup>(Kel::allocate<Skorra::Database>());
   group->doMount(Skorra::Mount("platform/debug/watchlist", "Orv::WatchList", "ri"));
   group->completeMounts();
