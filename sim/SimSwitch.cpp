@@ -1,0 +1,136 @@
+#include "sim/SimSwitch.h"
+
+#include <stdexcept>
+
+#include "Orv/WatchList.h"
+#include "Zorvek/RequesterDataMask.h"
+#include "Zorvek/ResourceIdCol.h"
+#include "Zorvek/SchanBackend.h"
+
+namespace sim {
+
+namespace {
+
+PhysicalResourceId tableId(U64 id) { return PhysicalResourceId(ResourceType::tableResource_, id); }
+Zorvek::LogicalResourceId logicalId(U64 id) {
+  return Zorvek::LogicalResourceId(ResourceType::tableResource_, id);
+}
+
+Zorvek::RequesterDataMask dataMask(const LogicalResourceSpec& res) {
+  Zorvek::RequesterDataMask mask(!res.dataMask.empty());
+  for (U32 i = 0; i < res.dataMask.size(); ++i) mask.maskByteIs(i, res.dataMask[i]);
+  return mask;
+}
+
+}  // namespace
+
+SimSwitch::SimSwitch(Topology topology)
+    : topology_(std::move(topology)),
+      database_(Kel::allocate<Skorra::Database>()),
+      chips_(Kel::allocate<SimChipSet>()),
+      helper_(Kel::allocate<SimDalHelper>()) {
+  topology_.validate("topology");
+  for (const DeviceSpec& d : topology_.devices) {
+    const DeviceId devId(d.id);
+    auto geometry =
+        Kel::allocate<Geometry>(Kel::Name("device" + std::to_string(d.id)), d.tables, d.registers);
+    chips_->chipIs(Kel::allocate<SimChip>(devId, geometry));
+    helper_->deviceIs(devId, geometry);
+  }
+  database_->entityIs("platform/debug/watchlist",
+                      Kel::allocate<Orv::WatchList>(Kel::Name("watchlist")));
+  // Two coprocessors are up when the switch starts; tests and runs may publish more.
+  coprocessorStatusLog_ =
+      Kel::allocate<Corvane::CoprocessorStatusAttrLog>(Kel::Name("coprocessorStatusLog"));
+  coprocessorStatusLog_->setRecordIs("cop0", Corvane::Coprocessor(1, 1));
+  coprocessorStatusLog_->setRecordIs("cop1", Corvane::Coprocessor(2, 1));
+  database_->entityIs(kCoprocessorStatusLogPath, coprocessorStatusLog_);
+  buildSerializers();
+  fillCreator();
+  Zorvek::schanBackendIs(chips_);
+}
+
+SimSwitch::~SimSwitch() {
+  if (Zorvek::schanBackend() == chips_) Zorvek::schanBackendIs(nullptr);
+}
+
+void SimSwitch::buildSerializers() {
+  for (const SerializerSpec& s : topology_.serializers) {
+    auto serializer = Kel::allocate<SimSerializer>(
+        Zorvek::SerializerId(s.id), s.agent, Kel::Name(s.name), chips_,
+        Kel::Ptr<const Kel::Dir>(database_->dirIs(s.configDir)), database_->dirIs(s.statusDir));
+    for (const LogicalResourceSpec& res : s.resources)
+      for (U64 table : res.tables) serializer->ownedTableIs(tableId(table));
+    serializers_.push_back(serializer);
+  }
+}
+
+void SimSwitch::fillCreator() {
+  auto remote = Kel::allocate<Zorvek::LogicalRemoteResourceIdCol>();
+  creator_ = Zorvek::demuxDalCreatorFactory(topology_.dalAgent, remote,
+                                            Kel::String(kCoprocessorStatusLogPath));
+  for (const AgentSpec& a : topology_.agents) creator_->requesterNameIs(a.id, a.requesterName);
+  for (const SerializerSpec& s : topology_.serializers) {
+    const Zorvek::SerializerId sid(s.id);
+    const Kel::Ptr<Zorvek::SerializerInfo> info = creator_->serializerInfoIs(sid);
+    info->agentIdIs(s.agent);
+    info->nameIs(s.name);
+    info->kickFifoNameIs(s.kickQueue);
+    info->configDirNameIs(s.configDir);
+    info->statusDirNameIs(s.statusDir);
+    for (const LogicalResourceSpec& res : s.resources) {
+      const Zorvek::LogicalResourceId lid = logicalId(res.id);
+      creator_->serializerIdMapIs(lid, sid);
+      auto physical = Kel::allocate<Zorvek::PhysicalResourceIdCol>();
+      for (U64 table : res.tables) {
+        physical->resourceIdIs(tableId(table));
+        creator_->physicalToLogicalResourceMapIs(tableId(table), lid);
+      }
+      creator_->physicalRemoteResourcesIs(lid, physical);
+      if (s.agent != topology_.dalAgent) remote->dataMaskIs(lid, dataMask(res));
+    }
+  }
+}
+
+Kel::Ptr<Zorvek::DemuxDal> SimSwitch::buildDal() {
+  mountGroup_ = Kel::allocate<Skorra::MountGroup>(database_);
+  creator_->doMounts(mountGroup_);
+  mountGroup_->completeMounts();
+  Kel::Ptr<Zorvek::DemuxDal> dal = creator_->demuxDal();
+  dal->helperIs(helper_);
+  for (const DeviceSpec& d : topology_.devices) dal->initLocalCache(DeviceId(d.id), true);
+  serve();
+  return dal;
+}
+
+unsigned SimSwitch::serve() {
+  unsigned n = 0;
+  for (const auto& s : serializers_) n += s->serve();
+  return n;
+}
+
+Kel::Ptr<SimSerializer> SimSwitch::serializer(std::string_view name) const {
+  for (const auto& s : serializers_)
+    if (s->name() == name) return s;
+  return nullptr;
+}
+
+Kel::Ptr<SimSerializer> SimSwitch::owner(const PhysicalResourceId& table) const {
+  for (const auto& s : serializers_)
+    if (s->ownedTable(table)) return s;
+  return nullptr;
+}
+
+void SimSwitch::restart(std::string_view serializerName) {
+  const Kel::Ptr<SimSerializer> s = serializer(serializerName);
+  if (!s) throw std::invalid_argument("no serializer named '" + std::string(serializerName) + "'");
+  s->restart();
+}
+
+SimOptArg SimSwitch::optArg(DeviceId devId, DeviceOffset offset) const {
+  SimOptArg arg{};
+  helper_->setOptArg(devId, helper_->geometry(devId)->locate(offset).layout->id, offset, &arg);
+  return arg;
+}
+
+}  // namespace sim
