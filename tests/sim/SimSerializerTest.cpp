@@ -12,6 +12,8 @@
 #include "Kel/Trace.h"
 #include "Skorra/MountGroup.h"
 #include "Zorvek/QueueRequester.h"
+#include "Zorvek/RequesterDalRemote.h"
+#include "sim/SimDalHelper.h"
 #include "sim/TestGeometry.h"
 
 namespace sim {
@@ -200,6 +202,30 @@ TEST_F(SimSerializerTest, RestartWipesTheOwnedTablesAndRequestersFollowTheCount)
   serializer->restart();
   EXPECT_EQ(requester->serializerRestartCount(), 2u);
   EXPECT_EQ(serializer->restartCount(), 2u);
+}
+
+TEST_F(SimSerializerTest, RemoteDalReplayRestoresTheChipAfterARestart) {
+  auto serializer = startSerializer();
+  auto requester = makeRequester(kAgent);
+  auto helper = Kel::allocate<SimDalHelper>();
+  helper->deviceIs(kDev0, chip->geometry());
+  auto dal = Zorvek::requesterDalRemoteFactory("a7-s1-Queue", requester, nullptr);
+  dal->helperIs(helper);
+  dal->remoteResourceIs(kRoute0, true);
+  dal->initLocalCache(kDev0, true);
+  SimOptArg optArg;
+  helper->setOptArg(kDev0, kRoute1, kRoute1Base + 16, &optArg);
+  const Entry data = filled(0x6B);
+  ASSERT_EQ(dal->dalWrite(Zorvek::oneDeviceMask(kDev0), kRoute1Base + 16, 16, data.data(), &optArg),
+            0);
+  serializer->serve();
+  ASSERT_THAT(chip->entry(kRoute1, 1), Each(0x6B));
+
+  serializer->restart();  // wipes the entry; the DAL's replay queues it again
+  EXPECT_THAT(chip->entry(kRoute1, 1), Each(0));
+  serializer->serve();
+  EXPECT_THAT(chip->entry(kRoute1, 1), Each(0x6B));
+  EXPECT_EQ(chip->owner(kRoute1, 1), kAgent);
 }
 
 struct FreeCase {
