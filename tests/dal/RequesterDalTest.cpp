@@ -8,20 +8,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Kel/Trace.h"
+#include "dal/DalDoubles.h"
 
 namespace Zorvek {
 namespace {
 
+using namespace doubles;
 using ::testing::_;
 using ::testing::DoAll;
 using ::testing::ElementsAre;
@@ -29,140 +28,6 @@ using ::testing::ElementsAreArray;
 using ::testing::Return;
 using ::testing::SaveArg;
 using ::testing::StrictMock;
-using Lines = std::vector<std::pair<unsigned, std::string>>;
-
-constexpr PhysicalResourceId kTable{ResourceType::tableResource_, 0x41};
-constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x7};
-constexpr DeviceOffset kTableOffset = 0x1000;
-constexpr DeviceOffset kRegisterOffset = 0x2000;  // this offset and above: the register
-constexpr U16 kEntry = 8;
-constexpr PhysicalAddr kPhysAddr = 0xfeed0000;
-const std::vector<U8> kData = {1, 2, 3, 4, 5, 6, 7, 8};
-
-class MockRequester : public Requester {
- public:
-  MockRequester() : Requester("queue", 3, DalId(1), Kel::allocate<DalProcessingStatus>(DalId(1))) {}
-  MOCK_METHOD(S64, read, (DeviceId, const PhysicalResourceId&, DeviceOffset, void*, U32),
-              (override));
-  MOCK_METHOD(S64, write,
-              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, void*, const void*, U32,
-               bool),
-              (override));
-  MOCK_METHOD(S64, blockingWrite,
-              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, void*, const void*, U32,
-               bool),
-              (override));
-  MOCK_METHOD(S64, bulkRead,
-              (DeviceId, const PhysicalResourceId&, DeviceOffset, const PhysicalAddr&, U32, U32),
-              (override));
-  MOCK_METHOD(S64, bulkWrite,
-              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, const PhysicalAddr&,
-               const void*, U32, U32),
-              (override));
-  MOCK_METHOD(void, waitForCmdIndex, (U64), (override));
-  using Requester::takeCmdIndex;
-};
-
-// One table below kRegisterOffset, one register from it on; the shadow maps an offset to the
-// bytes last written there.
-class FakeHelper : public DalHelper {
- public:
-  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
-    return offset < kRegisterOffset ? kTable : kRegister;
-  }
-  bool cacheable(DeviceId, const PhysicalResourceId&) const override {
-    // Stands for a notification that switches the hardware off in the middle of an access.
-    if (switchOffOnCacheable) switchOffOnCacheable->hwAccessAllowedIs(false);
-    return isCacheable;
-  }
-  U32 memoryEntrySizeBytes(DeviceId, const PhysicalResourceId&) const override { return entrySize; }
-  PhysicalAddr physicalAddr(DeviceId, void*) const override { return kPhysAddr; }
-  void verifyOptArgMapping(DeviceId, const PhysicalResourceId& rid, DeviceOffset offset,
-                           void*) const override {
-    verified.emplace_back(rid, offset);
-  }
-  S32 shadowRead(DeviceId, DeviceOffset offset, U16 size, void* data, void*) const override {
-    auto it = shadow.find(offset);
-    if (it == shadow.end()) return -1;
-    std::memcpy(data, it->second.data(), std::min<std::size_t>(size, it->second.size()));
-    return 0;
-  }
-  S32 shadowWrite(DeviceId, DeviceOffset offset, U16 size, const void* data, void*) override {
-    if (failShadowWrite) return -1;
-    shadow[offset].assign(static_cast<const U8*>(data), static_cast<const U8*>(data) + size);
-    return 0;
-  }
-
-  bool isCacheable = true;
-  bool failShadowWrite = false;
-  U32 entrySize = kEntry;
-  Dal* switchOffOnCacheable = nullptr;
-  std::map<DeviceOffset, std::vector<U8>> shadow;
-  mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
-};
-
-// Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
-// overrides dataMaskSelector but declares the override only when told to.
-class ShadowDal : public RequesterDal {
- public:
-  ShadowDal(const Kel::Ptr<Requester>& r, bool declareMask) : RequesterDal("shadowDal", r) {
-    dataMaskSelectorOverriddenIs(declareMask);
-  }
-  S32 doReadFromShadow(DeviceId d, DeviceOffset o, U16 size, void* data, void* optArg) override {
-    shadowSizes.push_back(size);
-    return helper()->shadowRead(d, o, size, data, optArg);
-  }
-  S32 doWriteToShadow(DeviceId d, DeviceOffset o, U16 size, const void* data,
-                      void* optArg) override {
-    shadowSizes.push_back(size);
-    ++shadowWrites;
-    return helper()->shadowWrite(d, o, size, data, optArg);
-  }
-  U8* dataMaskSelector(DeviceOffset, void*, U16 size) override {
-    U8* mask = new U8[size]();
-    maskHandedOut = mask;
-    return mask;
-  }
-
-  std::vector<U16> shadowSizes;
-  int shadowWrites = 0;
-  const void* maskHandedOut = nullptr;
-};
-
-class ReadyCounter : public Dal::NotifieeConst {
- public:
-  void onReady() override { ++count; }
-  int count = 0;
-};
-
-// Turns every text level of the DAL's trace handle on for one scope and captures its lines.
-class DalTrace : public Kel::TraceCapture {
- public:
-  DalTrace() { Kel::traceLevelsIs("ZorvekRequesterDal/0-9"); }
-  ~DalTrace() {
-    if (Kel::TraceHandle* h = Kel::traceHandle("ZorvekRequesterDal")) h->levelsIs(0);
-  }
-  Lines lines() const {
-    Lines out;
-    for (const Kel::TraceRecord& r : records())
-      if (r.handle == "ZorvekRequesterDal") out.emplace_back(r.level, r.message);
-    return out;
-  }
-};
-
-// Sets or clears XP_COHABITING_TEST for one scope, then restores what was there.
-class CohabitingEnv {
- public:
-  explicit CohabitingEnv(bool set) {
-    if (const char* v = std::getenv(kName)) saved_ = v;
-    set ? setenv(kName, "1", 1) : unsetenv(kName);
-  }
-  ~CohabitingEnv() { saved_ ? setenv(kName, saved_->c_str(), 1) : unsetenv(kName); }
-
- private:
-  static constexpr const char* kName = "XP_COHABITING_TEST";
-  std::optional<std::string> saved_;
-};
 
 enum class HwCall { none, write, blockingWrite };
 
@@ -372,7 +237,7 @@ class RequesterDalCohabitingTest : public RequesterDalTest,
                                    public ::testing::WithParamInterface<bool> {};
 
 TEST_P(RequesterDalCohabitingTest, ShadowOnlyWriteFakesOneCommandWhenSet) {
-  const CohabitingEnv env(GetParam());
+  const ScopedEnv env("XP_COHABITING_TEST", GetParam());
   dal->hwAccessAllowedIs(false);
   DalProcessingStatus& status = *requester->processingStatus();
   status.lastEnqueuedCmdIndexIs(10);
@@ -588,7 +453,7 @@ TEST_F(RequesterDalTest, TracesNameEachDecision) {
     {[&] { dal->hwAccessAllowedIs(false); read(); },
      {{9, "RequesterDal::dalRead offset 0x1000 size 8"},
       {9, "readFromShadow shadowDal hardware access not allowed or forced to read from shadow,"}}},
-    {[&] { const CohabitingEnv env(true); write(); },
+    {[&] { const ScopedEnv env("XP_COHABITING_TEST", true); write(); },
      {{9, "RequesterDal::dalWrite resource type 1 resource id 0x41 size 8 offset 0x1000"},
       {9, "writeToShadow shadowDal hardware access not allowed, skip writing to hardware "},
       {9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex 1"}}},
@@ -607,20 +472,6 @@ TEST_F(RequesterDalTest, TracesNameEachDecision) {
 
 // ---------------------------------------------------------------------------------------
 // Broken invariants
-
-// `text` as an extended regular expression that matches it literally.
-std::string literal(std::string_view text) {
-  std::string out;
-  for (char ch : text) {
-    if (std::strchr("\\^$.|?*+()[]{}", ch)) out += '\\';
-    out += ch;
-  }
-  return out;
-}
-
-std::string assertion(std::string_view text) {
-  return "Assertion failed: " + literal(text) + ", file";
-}
 
 using RequesterDalDeathTest = RequesterDalTest;
 
