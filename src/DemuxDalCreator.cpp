@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "Duwisp/Duwisp.h"
@@ -65,6 +66,13 @@ void collectionDelAll(Map& map, Notify notify) {
 template <class OnX>
 auto notifyFor(const DemuxDalCreator& creator, OnX onX) {
   return [&creator, onX](const auto& key) { creator.notifiees().visit(onX, key); };
+}
+
+// The name of a resource type, for traces: a trace stores an enum as its number.
+std::string resourceTypeName(ResourceType type) {
+  std::ostringstream os;
+  os << type;
+  return os.str();
 }
 
 template <class Map>
@@ -443,8 +451,8 @@ void DemuxDalCreator::addRemoteDals(ResourceIdToDalMap& resourceIdToDalMap) {
     const Kel::Ptr<PhysicalResourceIdCol> physical = physicalRemoteResources(logicalId);
     if (!physical) continue;
     for (const PhysicalResourceId& pid : physical->resourceIdCol()) {
-      DUWISP_TRACE(th(), 1, "Setting requester dal for resource type %s id 0x%x", pid.type(),
-                   pid.id());
+      DUWISP_TRACE(th(), 1, "Setting requester dal for resource type %s id 0x%x",
+                   resourceTypeName(pid.type()), pid.id());
       resourceIdToDalMap.dalIs(pid, dal);
       dal->remoteResourceIs(pid, true);
     }
