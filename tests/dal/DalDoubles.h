@@ -5,10 +5,12 @@
 #pragma once
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -156,6 +158,10 @@ class ScopedEnv {
     if (const char* v = std::getenv(name_)) saved_ = v;
     set ? setenv(name_, "1", 1) : unsetenv(name_);
   }
+  // Sets the variable to `value`, which may be empty; a null `value` clears it.
+  ScopedEnv(const char* name, const char* value) : ScopedEnv(name, value != nullptr) {
+    if (value) setenv(name_, value, 1);
+  }
   ~ScopedEnv() { saved_ ? setenv(name_, saved_->c_str(), 1) : unsetenv(name_); }
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
@@ -177,6 +183,20 @@ inline std::string literal(std::string_view text) {
 
 inline std::string assertion(std::string_view text) {
   return "Assertion failed: " + literal(text) + ", file";
+}
+
+// What `show` writes to the file descriptor it is handed, read back through a pipe (state
+// dumps are small enough for the pipe's buffer).
+inline std::string dumpOf(const std::function<void(U32 fd)>& show) {
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  show(static_cast<U32>(fds[1]));
+  close(fds[1]);
+  std::string out;
+  char buf[256];
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
+  close(fds[0]);
+  return out;
 }
 
 }  // namespace Zorvek::doubles
