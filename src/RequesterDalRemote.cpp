@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <vector>
 
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
@@ -193,13 +192,17 @@ void RequesterDalRemote::showDalState(U32 fd) {
 
 void RequesterDalRemote::pushLocalCacheToSerializer() {
   if (!helper()) return;
-  std::vector<unsigned char> optArg(helper()->optArgSizeBytes());
+  // The scratch optional argument has an address even when the helper needs no bytes (an
+  // empty vector's data() may be null): with a null optArg, dataMaskSelector would drop the
+  // entry's mask, and the replay would overwrite bytes of the entry that other agents own.
+  const std::unique_ptr<unsigned char[]> optArg =
+      std::make_unique<unsigned char[]>(helper()->optArgSizeBytes());
   // The walk re-finds its place by key before advancing, so tables added or removed while
   // it runs do not break it.
   for (auto it = localCache_.begin(); it != localCache_.end();) {
     const CacheTableIndex key = it->first;
     const Kel::Ptr<CacheTable> table = it->second;
-    pushTable(*table, optArg.data());
+    pushTable(*table, optArg.get());
     it = localCache_.upper_bound(key);
   }
 }
