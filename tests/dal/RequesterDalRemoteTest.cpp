@@ -1,0 +1,488 @@
+// RequesterDalRemote: the local caches per remote table and instance, the frees of a cold
+// start with their mask bytes, the shadow hooks, the data masks, the replay after a
+// serializer restart, traced texts, assertions and teardown. The requester is a real
+// QueueRequester whose queue is served by a consumer that records every command run, so the
+// tests see exactly what would reach the serializer.
+#include "Zorvek/RequesterDalRemote.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iomanip>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "Zorvek/QueueRequester.h"
+#include "Zorvek/SchanRequester.h"
+#include "dal/DalDoubles.h"
+
+namespace Zorvek {
+namespace {
+
+using doubles::assertion;
+using doubles::DalTrace;
+using doubles::dumpOf;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+
+constexpr auto kTable = ResourceType::tableResource_;
+// Table resource ids are the device offset divided by 0x100: A at 0x1000 and B at 0x2000;
+// R0, R1 and R2 (0x3000, 0x3100, 0x3200) are the instances of one replicated table.
+constexpr PhysicalResourceId kA{kTable, 0x10}, kB{kTable, 0x20}, kR0{kTable, 0x30},
+    kR1{kTable, 0x31}, kR2{kTable, 0x32}, kMissing{kTable, 0x99};
+constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x50};
+constexpr DeviceOffset kRegisterOffset = 0x5000;
+constexpr AgentId kAgent = 6;
+
+class TablesHelper : public DalHelper {
+ public:
+  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
+    return offset >= kRegisterOffset ? kRegister : PhysicalResourceId{kTable, offset >> 8};
+  }
+  bool resourceExists(DeviceId, const PhysicalResourceId& rid) const override {
+    return rid != kMissing;
+  }
+  PhysicalResourceId nextPridInstance(DeviceId, const PhysicalResourceId& rid) const override {
+    return rid == kR0 ? kR1 : rid == kR1 ? kR2 : PhysicalResourceId{};
+  }
+  PhysicalResourceId normalizedResourceId(const PhysicalResourceId& rid) const override {
+    return rid == kR1 || rid == kR2 ? kR0 : rid;
+  }
+  bool cacheable(DeviceId, const PhysicalResourceId& rid) const override {
+    return rid != kRegister;
+  }
+  U32 memoryEntrySizeBytes(DeviceId, const PhysicalResourceId& rid) const override {
+    return rid == kB ? 4 : 8;
+  }
+  U32 numMemoryEntries(DeviceId, const PhysicalTableId&) const override { return 16; }
+  U32 optArgSizeBytes() const override { return optArgSize; }
+  void setOptArg(DeviceId d, const PhysicalResourceId& rid, DeviceOffset offset,
+                 void* optArg) const override {
+    optArgs.emplace_back(d.value(), rid.id(), offset, optArg != nullptr);
+  }
+
+  U32 optArgSize = 4;
+  // (device, table id, offset, optArg given) of every setOptArg.
+  using OptArgCall = std::tuple<unsigned, U64, DeviceOffset, bool>;
+  mutable std::vector<OptArgCall> optArgs;
+};
+
+// "-" for none, else the bytes in hexadecimal.
+std::string hexBytes(const U8* bytes, std::size_t n) {
+  if (!bytes) return "-";
+  std::ostringstream os;
+  for (std::size_t i = 0; i < n; ++i)
+    os << std::hex << std::setw(2) << std::setfill('0') << +bytes[i];
+  return os.str();
+}
+
+// Keeps each command it runs as "<command> dev <devices> table 0x<id> ...".
+class RecordingSerializer : public QueueConsumer {
+ public:
+  bool commandExecute(const RequesterQueue&, QueueCommand& c) override {
+    std::ostringstream os;
+    os << c.command << " dev";
+    for (DeviceId d = c.targets.firstDevice(); !d.isNull(); d = c.targets.fapmask().nextFapId(d))
+      os << " " << d;
+    os << " table 0x" << std::hex << c.resourceId.id();
+    if (c.command == Command::freeCmd_) os << std::dec << " size " << c.size;
+    if (c.command != Command::freeCmd_)
+      os << " @0x" << c.offset << " data " << hexBytes(c.data.data(), c.data.size());
+    os << " mask " << (c.dataMask.empty() ? "-" : hexBytes(c.dataMask.data(), c.dataMask.size()));
+    if (c.reclaimWhenProgrammed) os << " reclaim";
+    commands.push_back(os.str());
+    return true;
+  }
+  std::vector<std::string> commands;
+};
+
+// A queue requester whose next write first runs a hook, to change the DAL in mid-replay.
+class HookedQueueRequester : public QueueRequester {
+ public:
+  using QueueRequester::QueueRequester;
+  S64 write(const TargetMask& t, const PhysicalResourceId& rid, DeviceOffset offset, void* data,
+            const void* mask, U32 size, bool reclaim) override {
+    if (beforeWrite) std::exchange(beforeWrite, nullptr)();
+    return QueueRequester::write(t, rid, offset, data, mask, size, reclaim);
+  }
+  std::function<void()> beforeWrite;
+};
+
+RequesterDataMask mask(bool flag, std::vector<std::pair<U32, U8>> bytes) {
+  RequesterDataMask m(flag);
+  for (const auto& [index, byte] : bytes) m.maskByteIs(index, byte);
+  return m;
+}
+
+CacheTableIndex at(unsigned devId, const PhysicalResourceId& rid) {
+  return CacheTableIndex(DeviceId(devId), rid);
+}
+
+class RequesterDalRemoteTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    liveAtStart = Kel::TypeRegistry::liveEntities();
+    helper = Kel::allocate<TablesHelper>();
+    masks = Kel::allocate<ResourceIdToDataMaskMap>();
+    configDir = Kel::allocate<Kel::Dir>(Kel::Name("config"));
+    requester = Kel::allocate<HookedQueueRequester>("a6-s1-Queue", kAgent, 64, DalId(1), nullptr,
+                                                    nullptr, IoMemType::queueMemory_, configDir,
+                                                    nullptr, "s1-kick", "Kick-a6-s1-Requester");
+    requester->queue()->consumerIs(&serializer);
+    dal = makeDal(masks);
+  }
+  Kel::Ptr<RequesterDalRemote> makeDal(const Kel::Ptr<ResourceIdToDataMaskMap>& m) {
+    auto d = requesterDalRemoteFactory("remote", requester, m);
+    d->helperIs(helper);
+    return d;
+  }
+  // The commands queued since the last call, as the serializer ran them.
+  std::vector<std::string> sent() {
+    requester->queue()->drain();
+    return std::exchange(serializer.commands, {});
+  }
+  // Writes the shadow of one whole entry, filled with `byte`.
+  void fill(unsigned devId, DeviceOffset offset, U8 byte) {
+    const std::vector<U8> data(
+        helper->memoryEntrySizeBytes(devId, helper->resourceId(offset, nullptr)), byte);
+    ASSERT_EQ(dal->doWriteToShadow(devId, offset, U16(data.size()), data.data(), &optArg), 0);
+  }
+  S32 read(unsigned devId, DeviceOffset offset) {
+    return dal->doReadFromShadow(devId, offset, U16(buffer.size()), buffer.data(), &optArg);
+  }
+  std::vector<CacheTableIndex> cacheKeys() const {
+    std::vector<CacheTableIndex> keys;
+    for (const auto& [index, table] : dal->localCaches()) keys.push_back(index);
+    return keys;
+  }
+
+  std::int64_t liveAtStart = 0;
+  RecordingSerializer serializer;  // outlives the requester's queue
+  Kel::Ptr<TablesHelper> helper;
+  Kel::Ptr<ResourceIdToDataMaskMap> masks;
+  Kel::Ptr<Kel::Dir> configDir;
+  Kel::Ptr<HookedQueueRequester> requester;
+  Kel::Ptr<RequesterDalRemote> dal;
+  std::vector<U8> buffer = std::vector<U8>(8, 0xEE);
+  int optArg = 0;
+};
+
+// ---------------------------------------------------------------------------------------
+// Local caches
+
+TEST_F(RequesterDalRemoteTest, InitLocalCacheCreatesACachePerTableAndInstance) {
+  dal->remoteResourceIs(kA, false);  // only the key matters
+  dal->remoteResourceIs(kR0, true);
+  dal->remoteResourceIs(kMissing, true);
+  DalTrace trace("ZorvekRequesterDalRemote");
+  dal->initLocalCache(1, false);
+  EXPECT_THAT(cacheKeys(), ElementsAre(at(1, kA), at(1, kR0), at(1, kR1), at(1, kR2)));
+  const CacheTable& a = *dal->localCache(at(1, kA));
+  EXPECT_EQ(std::tuple(a.agentId(), a.numEntries(), a.entrySize(), a.restarts(), a.coldStart()),
+            std::tuple(kAgent, 16u, 8u, 1u, false));
+  EXPECT_THAT(sent(), IsEmpty());  // a warm start neither frees nor reads
+  EXPECT_THAT(trace.lines(),
+              Contains(Pair(0, "initLocalCache remote Resource type 1 id 0x99 does not exist")));
+  EXPECT_THAT(trace.lines(), Contains(Pair(0,
+                                           "Request bulk read of all entries that we own - not "
+                                           "yet implemented- for resource 16")));
+}
+
+struct FreeCase {
+  const char* name;
+  bool withMasks;
+  RequesterDataMask mask;  // stored under the normalised id of `resource`
+  PhysicalResourceId resource;
+  std::vector<std::string> frees;
+  friend void PrintTo(const FreeCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class RequesterDalRemoteFreeTest : public RequesterDalRemoteTest,
+                                   public ::testing::WithParamInterface<FreeCase> {};
+
+TEST_P(RequesterDalRemoteFreeTest, ColdStartFreesEachTableWithItsMaskBytes) {
+  const FreeCase& c = GetParam();
+  masks->dataMaskIs(c.resource, c.mask);
+  dal = makeDal(c.withMasks ? masks : nullptr);
+  dal->remoteResourceIs(c.resource, true);
+  dal->initLocalCache(2, true);
+  EXPECT_THAT(sent(), ElementsAreArray(c.frees));
+  for (const auto& [index, table] : dal->localCaches())
+    EXPECT_EQ(std::pair(table->restarts(), table->coldStart()), std::pair(1u, true));
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Masks, RequesterDalRemoteFreeTest, ::testing::ValuesIn(std::vector<FreeCase>{
+    {"NoMaskMap", false, mask(true, {{0, 0xff}}), kA, {"free dev 2 table 0x10 size 8 mask -"}},
+    {"FlagFalse", true, mask(false, {{0, 0xff}}), kA, {"free dev 2 table 0x10 size 8 mask -"}},
+    {"SparseBytes", true, mask(true, {{0, 0xab}, {3, 0xcd}}), kA,
+     {"free dev 2 table 0x10 size 8 mask ab0000cd00000000"}},
+    {"InstancesUseTheNormalisedMask", true, mask(true, {{1, 0x0f}}), kR0,
+     {"free dev 2 table 0x30 size 8 mask 000f000000000000",
+      "free dev 2 table 0x31 size 8 mask 000f000000000000",
+      "free dev 2 table 0x32 size 8 mask 000f000000000000"}}}),
+    [](const auto& info) { return std::string(info.param.name); });
+// clang-format on
+
+TEST_F(RequesterDalRemoteTest, InitOneLocalCacheOfAnExistingTableLeavesItAlone) {
+  dal->remoteResourceIs(kA, true);
+  dal->initLocalCache(0, true);
+  sent();
+  fill(0, 0x1008, 0x11);
+  const Kel::Ptr<CacheTable> table = dal->localCache(at(0, kA));
+  DalTrace trace("ZorvekRequesterDalRemote");
+  EXPECT_EQ(dal->initOneLocalCache(at(0, kA), true), table);
+  EXPECT_THAT(sent(), IsEmpty());
+  EXPECT_EQ(table->restarts(), 1u);
+  EXPECT_THAT(std::vector<U8>(table->entryDataPtr(0x1008), table->entryDataPtr(0x1008) + 8),
+              Each(0x11));
+  EXPECT_THAT(
+      trace.lines(),
+      ElementsAre(Pair(0, "initOneLocalCache remote device 0 type 1 id 0x10 coldStart True"),
+                  Pair(0,
+                       "initOneLocalCache remote localCache already exists (device 0, "
+                       "resource id 0x10)")));
+}
+
+// What happened before the first shadow write to table B, which is not a remote resource:
+// none, or an initLocalCache (warm or cold) that created no cache.
+class RequesterDalRemoteLazyTest : public RequesterDalRemoteTest,
+                                   public ::testing::WithParamInterface<std::optional<bool>> {};
+
+TEST_P(RequesterDalRemoteLazyTest, ShadowWriteCreatesTheCacheWithTheLastColdStart) {
+  const std::optional<bool> coldStart = GetParam();
+  if (coldStart) dal->initLocalCache(0, *coldStart);
+  DalTrace trace("ZorvekRequesterDalRemote");
+  fill(0, 0x2004, 0x5A);
+  const bool cold = coldStart.value_or(false);
+  EXPECT_EQ(sent(), cold ? std::vector<std::string>{"free dev 0 table 0x20 size 4 mask -"}
+                         : std::vector<std::string>{});
+  EXPECT_EQ(dal->localCache(at(0, kB))->coldStart(), cold);
+  EXPECT_TRUE(dal->localCache(at(0, kB))->entryOffsetHwWriteEligible(0x2004));
+  EXPECT_THAT(trace.lines(), Contains(Pair(5,
+                                           "maybeAllocateLocalShadowEntry remote tableIndex "
+                                           "resource type 1 id 0x20 offset 0x2004 size 4")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Before, RequesterDalRemoteLazyTest,
+                         ::testing::Values(std::nullopt, false, true));
+
+TEST_F(RequesterDalRemoteTest, ReadsNeedTheSwitchAndACacheWritesNeedNeither) {
+  dal->localShadowForRemoteResourcesEnabledIs(false);
+  fill(0, 0x1008, 0x22);  // creates A's cache and fills the entry all the same
+  EXPECT_EQ(read(0, 0x1008), -1);
+  EXPECT_THAT(buffer, Each(0xEE));
+  dal->localShadowForRemoteResourcesEnabledIs(true);
+  EXPECT_EQ(read(0, 0x1008), 0);
+  EXPECT_THAT(buffer, Each(0x22));
+  // A never-written entry is allocated by the read and reads as the table's initial data.
+  EXPECT_EQ(read(0, 0x1010), 0);
+  EXPECT_THAT(buffer, Each(0));
+  const CacheTable& a = *dal->localCache(at(0, kA));
+  EXPECT_EQ(std::pair(a.entries(), a.entryOffsetHwWriteEligible(0x1010)), std::pair(2u, false));
+  EXPECT_EQ(read(0, 0x2000), -1);  // no cache for B: the read does not create one
+  EXPECT_EQ(dal->localCache(at(0, kB)), nullptr);
+}
+
+TEST_F(RequesterDalRemoteTest, IgnoresTheSkipHwAccessEnvironment) {
+  const doubles::ScopedEnv env("XP_SKIP_HW_ACCESS", "");
+  EXPECT_TRUE(makeDal(masks)->hwAccessAllowed());
+}
+
+// ---------------------------------------------------------------------------------------
+// Data masks
+
+struct MaskCase {
+  const char* name;
+  bool withMasks, flag, withOptArg;
+  DeviceOffset offset;
+  U16 size;
+  const char* bytes;
+  friend void PrintTo(const MaskCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class RequesterDalRemoteMaskTest : public RequesterDalRemoteTest,
+                                   public ::testing::WithParamInterface<MaskCase> {};
+
+TEST_P(RequesterDalRemoteMaskTest, DataMaskSelectorHandsOutTheMaskBytes) {
+  const MaskCase& c = GetParam();
+  masks->dataMaskIs(kA, mask(c.flag, {{0, 0xab}, {3, 0xcd}}));
+  masks->dataMaskIs(kR0, mask(c.flag, {{2, 0x77}}));
+  dal = makeDal(c.withMasks ? masks : nullptr);
+  const std::unique_ptr<U8[]> bytes(
+      dal->dataMaskSelector(c.offset, c.withOptArg ? &optArg : nullptr, c.size));
+  EXPECT_EQ(hexBytes(bytes.get(), c.size), c.bytes);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Cases, RequesterDalRemoteMaskTest, ::testing::ValuesIn(std::vector<MaskCase>{
+    // name                     masks  flag   optArg offset  size bytes
+    {"Bytes",                   true,  true,  true,  0x1000, 8,   "ab0000cd00000000"},
+    {"CallerSize",              true,  true,  true,  0x1008, 5,   "ab0000cd00"},
+    {"InstanceUsesNormalised",  true,  true,  true,  0x3208, 4,   "00007700"},
+    {"NullOptArgMeansNoMask",   true,  true,  false, 0x1000, 8,   "-"},
+    {"NoMaskMap",               false, true,  true,  0x1000, 8,   "-"},
+    {"FlagFalse",               true,  false, true,  0x1000, 8,   "-"},
+    {"NoMaskForTable",          true,  true,  true,  0x2000, 4,   "-"}}),
+    [](const auto& info) { return std::string(info.param.name); });
+// clang-format on
+
+TEST_F(RequesterDalRemoteTest, ShowDalStateFramesTheQueueRequesterState) {
+  const auto schan =
+      Kel::allocate<SchanRequester>("schan", kAgent, 4, DalId(0), nullptr, nullptr, 6u);
+  for (const Kel::Ptr<Requester>& r : std::vector<Kel::Ptr<Requester>>{requester, schan}) {
+    const auto d = requesterDalRemoteFactory("remote", r, nullptr);
+    const std::string inner =
+        r == requester ? dumpOf([&](U32 fd) { requester->showRequesterState(fd); }) : "";
+    DalTrace trace("ZorvekRequesterDalRemote");
+    EXPECT_EQ(dumpOf([&](U32 fd) { d->showDalState(fd); }),
+              dumpOf([&](U32 fd) { d->Dal::showDalState(fd); }) + "'queueRequesterStatus':{" +
+                  inner + "},");
+    EXPECT_THAT(trace.lines(),
+                ElementsAre(Pair(4, "virtual void Zorvek::RequesterDalRemote::showDalState(U32)")));
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// Replay after a serializer restart
+
+TEST_F(RequesterDalRemoteTest, EachRestartCountChangePushesOnceAndConstructionNever) {
+  requester->serializerRestartCountIs(4);
+  dal = makeDal(masks);
+  fill(0, 0x1000, 0x11);
+  EXPECT_THAT(sent(), IsEmpty());
+  for (U64 count : {4, 5, 5, 9}) requester->serializerRestartCountIs(count);
+  const std::string push = "write dev 0 table 0x10 @0x1000 data 1111111111111111 mask -";
+  EXPECT_THAT(sent(), ElementsAre(push, push));
+}
+
+// Replays with a helper whose optional argument has that many bytes (none at all, too).
+class RequesterDalRemoteReplayTest : public RequesterDalRemoteTest,
+                                     public ::testing::WithParamInterface<U32> {};
+
+TEST_P(RequesterDalRemoteReplayTest, PushesEligibleEntriesTableByTable) {
+  helper->optArgSize = GetParam();
+  masks->dataMaskIs(kA, mask(true, {{1, 0xff}}));
+  dal->reclaimWhenProgrammedIs(true);  // a replay never asks for a reclaim
+  fill(1, 0x1000, 0x1A);               // created in another order than they are pushed
+  fill(0, 0x2000, 0x2B);
+  dal->initOneLocalCache(at(0, kR0), false);
+  ASSERT_EQ(read(0, 0x3010), 0);  // in use, never written: not eligible
+  fill(0, 0x1008, 0x0A);
+  helper->optArgs.clear();
+  DalTrace trace("ZorvekRequesterDalRemote");
+  requester->serializerRestartCountIs(1);
+  EXPECT_THAT(
+      sent(),
+      ElementsAre("write dev 0 table 0x10 @0x1008 data 0a0a0a0a0a0a0a0a mask 00ff000000000000",
+                  "write dev 0 table 0x20 @0x2000 data 2b2b2b2b mask -",
+                  "write dev 1 table 0x10 @0x1000 data 1a1a1a1a1a1a1a1a mask 00ff000000000000"));
+  EXPECT_THAT(helper->optArgs, ElementsAre(TablesHelper::OptArgCall{0, 0x10, 0x1008, true},
+                                           TablesHelper::OptArgCall{0, 0x20, 0x2000, true},
+                                           TablesHelper::OptArgCall{0, 0x30, 0x3010, true},
+                                           TablesHelper::OptArgCall{1, 0x10, 0x1000, true}));
+  // clang-format off
+  EXPECT_THAT(trace.lines(), ElementsAre(
+      Pair(0, "Serializer restarted, sync local cache"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache for table 0x10"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache index 4104 for table 0x10"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache for table 0x20"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache index 8192 for table 0x20"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache for table 0x30"),
+      Pair(0, "pushLocalCacheToSerializer Entry Offset 0x3010 at index 0 not in use"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache for table 0x10"),
+      Pair(0, "pushLocalCacheToSerializer Sync local cache index 4096 for table 0x10")));
+  // clang-format on
+}
+
+INSTANTIATE_TEST_SUITE_P(OptArgBytes, RequesterDalRemoteReplayTest, ::testing::Values(0u, 4u));
+
+TEST_F(RequesterDalRemoteTest, RestartWithoutCachesOrHelperOnlyTraces) {
+  DalTrace trace("ZorvekRequesterDalRemote");
+  const auto restarted = ElementsAre(Pair(0, "Serializer restarted, sync local cache"));
+  requester->serializerRestartCountIs(1);
+  EXPECT_THAT(trace.lines(), restarted);
+  fill(0, 0x1000, 0x11);
+  dal->helperIs(nullptr);
+  trace.clear();
+  requester->serializerRestartCountIs(2);
+  EXPECT_THAT(trace.lines(), restarted);
+  EXPECT_THAT(sent(), IsEmpty());
+}
+
+struct DisruptCase {
+  const char* name;
+  std::function<void(RequesterDalRemoteTest&)> duringFirstWrite;
+  std::vector<std::string> pushed;
+  friend void PrintTo(const DisruptCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class RequesterDalRemoteDisruptTest : public RequesterDalRemoteTest,
+                                      public ::testing::WithParamInterface<DisruptCase> {};
+
+TEST_P(RequesterDalRemoteDisruptTest, WalkSurvivesTablesChangingUnderIt) {
+  fill(0, 0x1000, 0x01);
+  fill(0, 0x2000, 0x02);
+  fill(1, 0x1000, 0x03);
+  requester->beforeWrite = [this] { GetParam().duringFirstWrite(*this); };
+  requester->serializerRestartCountIs(1);
+  EXPECT_THAT(sent(), ElementsAreArray(GetParam().pushed));
+}
+
+const std::string kPushA0 = "write dev 0 table 0x10 @0x1000 data 0101010101010101 mask -";
+const std::string kPushB0 = "write dev 0 table 0x20 @0x2000 data 02020202 mask -";
+const std::string kPushA1 = "write dev 1 table 0x10 @0x1000 data 0303030303030303 mask -";
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, RequesterDalRemoteDisruptTest,
+    ::testing::ValuesIn(std::vector<DisruptCase>{
+        {"TableAddedAhead",
+         [](auto& t) { t.fill(0, 0x3000, 0x04); },
+         {kPushA0, kPushB0, "write dev 0 table 0x30 @0x3000 data 0404040404040404 mask -",
+          kPushA1}},
+        {"TableRemovedAhead", [](auto& t) { t.dal->localCacheDel(at(0, kB)); }, {kPushA0, kPushA1}},
+        {"CurrentTableRemoved",
+         [](auto& t) { t.dal->localCacheDel(at(0, kA)); },
+         {kPushA0, kPushB0, kPushA1}}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(RequesterDalRemoteTest, TornDownDalFreesCachesMachinesAndRequester) {
+  dal->remoteResourceIs(kR0, true);
+  dal->initLocalCache(0, true);
+  fill(0, 0x3108, 0x31);
+  requester->serializerRestartCountIs(1);
+  EXPECT_EQ(sent().size(), 4u);
+  EXPECT_EQ(CacheTable::staticType().liveCount(), 3);
+  dal = nullptr;
+  requester = nullptr;
+  configDir = nullptr;
+  masks = nullptr;
+  helper = nullptr;
+  EXPECT_EQ(Kel::TypeRegistry::liveEntities(), liveAtStart);
+}
+
+// ---------------------------------------------------------------------------------------
+// Broken invariants
+
+using RequesterDalRemoteDeathTest = RequesterDalRemoteTest;
+
+TEST_F(RequesterDalRemoteDeathTest, ShadowAccessInvariants) {
+  EXPECT_DEATH(read(0, kRegisterOffset), assertion("helper()->cacheable( devId, resourceId )"));
+  EXPECT_DEATH(fill(0, kRegisterOffset, 1),
+               assertion("prrid.type() == ResourceType::tableResource_"));
+  EXPECT_DEATH(dal->writeEntryDataToShadow(at(0, kA), 0x1000, buffer.data(), 8),
+               assertion("lCache"));
+}
+
+}  // namespace
+}  // namespace Zorvek
