@@ -180,22 +180,26 @@ class RequesterDalRemoteTest : public ::testing::Test {
 // ---------------------------------------------------------------------------------------
 // Local caches
 
-TEST_F(RequesterDalRemoteTest, InitLocalCacheCreatesACachePerTableAndInstance) {
+TEST_F(RequesterDalRemoteTest, InitLocalCacheCreatesACachePerTableAndInstanceOnce) {
   dal->remoteResourceIs(kA, false);  // only the key matters
   dal->remoteResourceIs(kR0, true);
   dal->remoteResourceIs(kMissing, true);
   DalTrace trace("ZorvekRequesterDalRemote");
   dal->initLocalCache(1, false);
   EXPECT_THAT(cacheKeys(), ElementsAre(at(1, kA), at(1, kR0), at(1, kR1), at(1, kR2)));
-  const CacheTable& a = *dal->localCache(at(1, kA));
-  EXPECT_EQ(std::tuple(a.agentId(), a.numEntries(), a.entrySize(), a.restarts(), a.coldStart()),
-            std::tuple(kAgent, 16u, 8u, 1u, false));
-  EXPECT_THAT(sent(), IsEmpty());  // a warm start neither frees nor reads
-  EXPECT_THAT(trace.lines(),
-              Contains(Pair(0, "initLocalCache remote Resource type 1 id 0x99 does not exist")));
-  EXPECT_THAT(trace.lines(), Contains(Pair(0,
-                                           "Request bulk read of all entries that we own - not "
-                                           "yet implemented- for resource 16")));
+  const Kel::Ptr<CacheTable> a = dal->localCache(at(1, kA));
+  EXPECT_EQ(std::tuple(a->agentId(), a->numEntries(), a->entrySize()), std::tuple(kAgent, 16u, 8u));
+  fill(1, 0x1008, 0x11);
+  // An existing cache is handed back as it is: no free, no restart, its entries kept.
+  EXPECT_EQ(dal->initOneLocalCache(at(1, kA), true), a);
+  dal->initLocalCache(1, true);
+  EXPECT_THAT(sent(), IsEmpty());  // nor does a warm start free or read anything
+  EXPECT_EQ(std::tuple(a->restarts(), a->coldStart(), a->entries()), std::tuple(1u, false, 1u));
+  for (const char* line :
+       {"initLocalCache remote Resource type 1 id 0x99 does not exist",
+        "Request bulk read of all entries that we own - not yet implemented- for resource 16",
+        "initOneLocalCache remote localCache already exists (device 1, resource id 0x10)"})
+    EXPECT_THAT(trace.lines(), Contains(Pair(0, line)));
 }
 
 struct FreeCase {
@@ -233,26 +237,6 @@ INSTANTIATE_TEST_SUITE_P(Masks, RequesterDalRemoteFreeTest, ::testing::ValuesIn(
       "free dev 2 table 0x32 size 8 mask 000f000000000000"}}}),
     [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
-
-TEST_F(RequesterDalRemoteTest, InitOneLocalCacheOfAnExistingTableLeavesItAlone) {
-  dal->remoteResourceIs(kA, true);
-  dal->initLocalCache(0, true);
-  sent();
-  fill(0, 0x1008, 0x11);
-  const Kel::Ptr<CacheTable> table = dal->localCache(at(0, kA));
-  DalTrace trace("ZorvekRequesterDalRemote");
-  EXPECT_EQ(dal->initOneLocalCache(at(0, kA), true), table);
-  EXPECT_THAT(sent(), IsEmpty());
-  EXPECT_EQ(table->restarts(), 1u);
-  EXPECT_THAT(std::vector<U8>(table->entryDataPtr(0x1008), table->entryDataPtr(0x1008) + 8),
-              Each(0x11));
-  EXPECT_THAT(
-      trace.lines(),
-      ElementsAre(Pair(0, "initOneLocalCache remote device 0 type 1 id 0x10 coldStart True"),
-                  Pair(0,
-                       "initOneLocalCache remote localCache already exists (device 0, "
-                       "resource id 0x10)")));
-}
 
 // What happened before the first shadow write to table B, which is not a remote resource:
 // none, or an initLocalCache (warm or cold) that created no cache.
