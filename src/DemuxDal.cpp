@@ -129,19 +129,21 @@ void DemuxDal::handleInitialized() {
   demuxDalReadySm_ = DemuxDalReadySm::DemuxDalReadySmIs(defaultDal_, resourceIdToDalMap_, this);
 }
 
+// Routes and owners are keyed by the normalized id; the traces name the resource the access
+// touched, as the agent knows it.
 Kel::Ptr<RequesterDal> DemuxDal::dalSelector(DeviceOffset offset, void* optArg) {
-  const PhysicalResourceId rid =
-      helper()->normalizedResourceId(helper()->resourceId(offset, optArg));
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const PhysicalResourceId normalized = helper()->normalizedResourceId(rid);
   if (!optArg || forceUseDefaultDal_) {
     DUWISP_TRACE(th(), 8, "Resource type %s id 0x%x forceDefaultDal %s", rid.type(), rid.id(),
                  forceUseDefaultDal_);
     return defaultDal_;
   }
-  Kel::Ptr<RequesterDal> found = resourceIdToDalMap_->dal(rid);
+  Kel::Ptr<RequesterDal> found = resourceIdToDalMap_->dal(normalized);
   if (!resourceOwnershipCheckEnabled_) return found ? found : defaultDal_;
 
   KEL_ASSERT(demuxDalCreator());
-  const AgentId owner = demuxDalCreator_->ownerAgentIdForPhysicalResource(rid);
+  const AgentId owner = demuxDalCreator_->ownerAgentIdForPhysicalResource(normalized);
   const AgentId me = demuxDalCreator_->requesterAgentId();
   // An unknown owner counts as this agent. The variable is looked up on every access.
   bool resourceOwnedByMe = true;
