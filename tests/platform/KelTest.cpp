@@ -84,14 +84,17 @@ TEST_F(PtrTest, CopyMoveAndConvertShareOneCount) {
   Kel::Ptr<const Widget> view = w;
   EXPECT_EQ(g->references(), 3);
   Kel::Ptr<const Widget> moved = std::move(view);
+  Kel::Ptr<const Widget> convertedMove = std::move(w);
   EXPECT_FALSE(view);
+  EXPECT_FALSE(w);
   EXPECT_EQ(moved, g);
+  EXPECT_EQ(convertedMove, g);
   EXPECT_EQ(g->references(), 3);
-  EXPECT_EQ(Kel::dynamicPtrCast<Gadget>(w), g);
+  EXPECT_EQ(Kel::dynamicPtrCast<Gadget>(Kel::Ptr<Widget>(g)), g);
   EXPECT_FALSE(Kel::dynamicPtrCast<Gadget>(Kel::allocate<Widget>(&destroyed_)));
   EXPECT_EQ(destroyed_, 1);  // the temporary Widget
   g = nullptr;
-  w = nullptr;
+  convertedMove = nullptr;
   EXPECT_EQ(destroyed_, 1);
   moved = nullptr;
   EXPECT_EQ(destroyed_, 2);
