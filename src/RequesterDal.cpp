@@ -86,9 +86,14 @@ S32 RequesterDal::writeToShadow(const TargetMask& targetMask, DeviceOffset offse
     std::unique_ptr<unsigned char[]> heapBuffer;
     unsigned char* buffer = stackBuffer;
     if (size > kStackScratchBytes) {
-      heapBuffer = std::make_unique<unsigned char[]>(size);
+      heapBuffer = std::make_unique_for_overwrite<unsigned char[]>(size);
       buffer = heapBuffer.get();
     }
+    // A shadow may produce fewer bytes than asked (a local cache holds one entry of a bulk
+    // write): bytes it leaves alone start as the complement of the data, so that only a
+    // shadow that holds every byte written counts as a hit and skips the hardware.
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    for (U32 i = 0; i < size; ++i) buffer[i] = static_cast<unsigned char>(~bytes[i]);
     if (readFromShadow(devId, offset, size, buffer, optArg) >= 0 &&
         std::memcmp(buffer, data, size) == 0) {
       doUpdateCacheHitOnWrite(offset, optArg);
