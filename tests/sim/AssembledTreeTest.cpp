@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Zorvek/DemuxDal.h"
+#include "Zorvek/SchanBackend.h"
 #include "Zorvek/SerializerStatus.h"
 #include "sim/SimSwitch.h"
 
@@ -298,6 +299,7 @@ std::map<std::string, std::int64_t> liveCounts() {
 }
 
 TEST(AssembledTreeLifetimeTest, TearDownReturnsEveryLiveCount) {
+  Zorvek::schanBackendRegistry();  // lives from its first use to the end of the process
   const auto before = liveCounts();
   {
     AssembledTree tree;
