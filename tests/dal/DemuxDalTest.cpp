@@ -455,6 +455,7 @@ TEST_F(DemuxDalTest, FanOutsReachTheirDals) {
   build();
   demux->initLocalCache(4, true);
   EXPECT_THAT(log, ::testing::UnorderedElementsAreArray(inMapOrder(" initLocalCache 4 True")));
+  DalTrace trace("ZorvekDemuxDal");
   const auto checker = Kel::allocate<CoprocessorChecker>("checker");
   demux->coprocessorCheckerIs(checker);
   EXPECT_EQ(
@@ -462,6 +463,7 @@ TEST_F(DemuxDalTest, FanOutsReachTheirDals) {
       std::pair(checker, checker));
   const auto other = Kel::allocate<NormalizingHelper>();
   demux->helperIs(other);
+  EXPECT_THAT(trace.lines(), IsEmpty());
   EXPECT_EQ(defaultDal->helper(), other);
   for (const auto& [rid, d] : *map)
     EXPECT_EQ(
