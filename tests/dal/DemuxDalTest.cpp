@@ -136,6 +136,8 @@ class DemuxDalTest : public ::testing::Test {
     return out;
   }
 
+  // Routing must not depend on the environment the tests run in.
+  const ScopedEnv localShadowAccess{"XP_FORCE_LOCAL_SHADOW_ACCESS", false};
   std::int64_t liveAtStart = 0;
   std::vector<std::string> log;
   Kel::Ptr<NormalizingHelper> helper;
