@@ -155,12 +155,14 @@ TEST_F(DalTest, CoprocessorCheckerIsRunsTheHookUnlessHandedItsOwnReference) {
   EXPECT_EQ(dal_->checkerCalls, 4);
 }
 
-// Every statistic of a Dal that is not zero, as "name=value" or "name[id]=value", sorted.
+// The totals of a Dal that are not zero and every entry of its collections (a zero entry
+// too), as "name=value" or "name[id]=value", sorted.
 std::vector<std::string> statistics(const Dal& d) {
-  std::map<std::string, U64> all{{"readHits", d.cacheReadHits()},
-                                 {"readMisses", d.cacheReadMisses()},
-                                 {"writeHits", d.cacheWriteHits()},
-                                 {"writeMisses", d.cacheWriteMisses()}};
+  std::map<std::string, U64> all;
+  for (const auto& [name, v] :
+       {std::pair("readHits", d.cacheReadHits()), std::pair("readMisses", d.cacheReadMisses()),
+        std::pair("writeHits", d.cacheWriteHits()), std::pair("writeMisses", d.cacheWriteMisses())})
+    if (v) all[name] = v;
   auto add = [&](const char* name, const auto& col) {
     for (const auto& [k, v] : col) all[std::string(name) + "[" + std::to_string(k.id()) + "]"] = v;
   };
@@ -171,8 +173,7 @@ std::vector<std::string> statistics(const Dal& d) {
   add("writeTableHits", d.cacheWriteTableHitsCol());
   add("writeTableMisses", d.cacheWriteTableMissesCol());
   std::vector<std::string> out;
-  for (const auto& [name, v] : all)
-    if (v) out.push_back(name + "=" + std::to_string(v));
+  for (const auto& [name, v] : all) out.push_back(name + "=" + std::to_string(v));
   return out;
 }
 
