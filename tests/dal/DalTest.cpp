@@ -44,26 +44,17 @@ class TestDal : public Dal {
   int checkerCalls = 0;
 };
 
-// Observers of both kinds log "<kind>:<callback>".
-class ConstObserver : public Dal::NotifieeConst {
+// An observer of either kind (Dal::NotifieeConst or Dal::Notifiee) logging "<kind>:<callback>".
+template <class Kind>
+class Observer : public Kind {
  public:
-  explicit ConstObserver(std::vector<std::string>* log) : log_(log) {}
-  void onReady() override { log_->push_back("const:onReady"); }
-  void onReclaimWhenProgrammed() override { log_->push_back("const:onReclaimWhenProgrammed"); }
-  void onHwAccessAllowed() override { log_->push_back("const:onHwAccessAllowed"); }
+  Observer(std::string kind, std::vector<std::string>* log) : kind_(kind + ":"), log_(log) {}
+  void onReady() override { log_->push_back(kind_ + "onReady"); }
+  void onReclaimWhenProgrammed() override { log_->push_back(kind_ + "onReclaimWhenProgrammed"); }
+  void onHwAccessAllowed() override { log_->push_back(kind_ + "onHwAccessAllowed"); }
 
  private:
-  std::vector<std::string>* log_;
-};
-
-class MutableObserver : public Dal::Notifiee {
- public:
-  explicit MutableObserver(std::vector<std::string>* log) : log_(log) {}
-  void onReady() override { log_->push_back("mutable:onReady"); }
-  void onReclaimWhenProgrammed() override { log_->push_back("mutable:onReclaimWhenProgrammed"); }
-  void onHwAccessAllowed() override { log_->push_back("mutable:onHwAccessAllowed"); }
-
- private:
+  std::string kind_;
   std::vector<std::string>* log_;
 };
 
@@ -95,8 +86,8 @@ class DalFlagTest : public DalTest, public ::testing::WithParamInterface<FlagCas
 TEST_P(DalFlagTest, SetterNotifiesEachObserverOnceOnChangeOnly) {
   const FlagCase& c = GetParam();
   std::vector<std::string> log;
-  auto constObserver = Kel::allocate<ConstObserver>(&log);
-  auto mutableObserver = Kel::allocate<MutableObserver>(&log);
+  auto constObserver = Kel::allocate<Observer<Dal::NotifieeConst>>("const", &log);
+  auto mutableObserver = Kel::allocate<Observer<Dal::Notifiee>>("mutable", &log);
   constObserver->notifierIs(dal_.ptr());
   mutableObserver->notifierIs(dal_.ptr());
   EXPECT_EQ(mutableObserver->notifier(), dal_);
