@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <ostream>
+#include <type_traits>
+#include <utility>
 
 #include "Corvane/Fap.h"
 #include "Kel/Assert.h"
@@ -95,21 +97,43 @@ constexpr U32 oneAtATimeBytes(U32 h, U64 v, int bytes) noexcept {
   for (int i = 0; i < bytes; ++i) h = oneAtATimeStep(h, static_cast<U8>(v >> (8 * i)));
   return h;
 }
+// The 8 bytes of an id, written out so that the compiler unrolls them: every lookup of a
+// hashed collection keyed by a resource id runs these steps.
+constexpr U32 oneAtATimeId(U32 h, U64 id) noexcept {
+  [&]<int... I>(std::integer_sequence<int, I...>) {
+    ((h = oneAtATimeStep(h, static_cast<U8>(id >> (8 * I)))), ...);
+  }(std::make_integer_sequence<int, 8>{});
+  return h;
+}
 constexpr U32 oneAtATimeFinish(U32 h) noexcept {
   h += h << 3;
   h ^= h >> 11;
   h += h << 15;
   return h;
 }
-constexpr U32 resourceIdHash(U32 type, U64 id) noexcept {
-  return oneAtATimeFinish(oneAtATimeBytes(oneAtATimeBytes(0, type, 4), id, 8));
-}
 // The state after the type bytes of a table (1) and a register (2) id, so that ids of a
-// constant type hash only their 8 id bytes.
+// constant type hash only their 8 id bytes. The null type (0) leaves the state at 0.
 constexpr U32 kTableTypeHashState = 300581581;
 constexpr U32 kRegisterTypeHashState = 601164203;
 static_assert(oneAtATimeBytes(0, 1, 4) == kTableTypeHashState);
 static_assert(oneAtATimeBytes(0, 2, 4) == kRegisterTypeHashState);
+static_assert(oneAtATimeBytes(0, 0, 4) == 0);
+constexpr U32 typeHashState(U32 type) noexcept {
+  switch (type) {
+    case 0:
+      return 0;
+    case 1:
+      return kTableTypeHashState;
+    case 2:
+      return kRegisterTypeHashState;
+  }
+  return oneAtATimeBytes(0, type, 4);
+}
+constexpr U32 resourceIdHash(U32 type, U64 id) noexcept {
+  return oneAtATimeFinish(oneAtATimeId(typeHashState(type), id));
+}
+static_assert(resourceIdHash(7, 0x0102030405060708) ==
+              oneAtATimeFinish(oneAtATimeBytes(oneAtATimeBytes(0, 7, 4), 0x0102030405060708, 8)));
 
 // A resource id: type then 64-bit id, compared field by field, type first.
 template <class Tag>
@@ -148,7 +172,7 @@ class FixedTypeResourceId {
   static constexpr ResourceType type() noexcept { return kType; }
   constexpr U64 id() const noexcept { return id_; }
   constexpr U32 hash() const noexcept {
-    return oneAtATimeFinish(oneAtATimeBytes(kHashState, id_, 8));
+    return oneAtATimeFinish(oneAtATimeId(kHashState, id_));
   }
   constexpr PhysicalResourceId resourceId() const noexcept { return {kType, id_}; }
   friend constexpr bool operator==(FixedTypeResourceId, FixedTypeResourceId) noexcept = default;
@@ -227,6 +251,16 @@ struct std::hash<Zorvek::FixedTypeResourceId<T, S>> {
     return r.hash();
   }
 };
+#ifdef __GLIBCXX__
+// The resource-id hash costs some 50 instructions: hashed collections keyed by resource ids
+// keep each element's hash (so that walking a bucket does not hash its elements again) and
+// search small collections (up to 20 elements) by comparing keys, without hashing at all.
+// The hash, and so the buckets and the iteration order, stay the same.
+template <class Tag>
+struct std::__is_fast_hash<std::hash<Zorvek::ResourceIdBase<Tag>>> : std::false_type {};
+template <Zorvek::ResourceType T, Zorvek::U32 S>
+struct std::__is_fast_hash<std::hash<Zorvek::FixedTypeResourceId<T, S>>> : std::false_type {};
+#endif
 template <>
 struct std::hash<Zorvek::DalId> {
   std::size_t operator()(Zorvek::DalId d) const noexcept { return d.value(); }
