@@ -1,0 +1,33 @@
+// The commands of zorvek-sim. Each returns the process's exit code (ExitCode.h) and writes
+// its result to `out`; input it cannot use is thrown as BadInput or sim::TopologyError
+// before anything runs, and Main turns that into one message and exit code 2.
+#pragma once
+
+#include <cstddef>
+#include <ostream>
+#include <string>
+
+#include "Workload.h"
+
+namespace simtool {
+
+struct RunOptions {
+  std::string topologyPath;  // empty: the embedded default
+  WorkloadOptions workload;
+  bool dump = false;
+  bool trace = false;             // print the decoded ring after the report
+  std::size_t traceRecords = 40;  // how many of its last records
+  std::string traceFile;          // where to dump the ring; empty: nowhere
+  bool json = false;
+};
+
+// Builds the switch and its DAL, runs the workload and checks the chip; see RunOptions.
+int runCommand(RunOptions options, std::ostream& out);
+// Prints the embedded default topology as JSON.
+int topologyCommand(std::ostream& out);
+// Prints "FILE: ok" for a usable topology file (exit 0), the error otherwise (exit 1).
+int checkCommand(const std::string& path, std::ostream& out, std::ostream& err);
+// Prints the records of a ring dumped to a file.
+int traceCommand(const std::string& path, std::ostream& out);
+
+}  // namespace simtool

@@ -1,0 +1,93 @@
+// zorvek-sim: runs the Zorvek DAL of an agent on a simulated switch. See `zorvek-sim --help`
+// and the README's section on the simulator.
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "Commands.h"
+#include "ExitCode.h"
+#include "sim/Topology.h"
+
+namespace {
+
+using namespace simtool;
+
+const CLI::Validator kMixValidator(
+    [](const std::string& text) {
+      return parseMix(text) ? std::string()
+                            : "expected read:write:bulk, three whole numbers with a sum above "
+                              "0, e.g. 30:60:10";
+    },
+    "READ:WRITE:BULK", "mix");
+
+void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix) {
+  run.add_option("--topology", o.topologyPath,
+                 "Topology JSON file (default: the embedded default; see `topology`)");
+  // Unsigned options would take "-5" as a huge count: negative numbers are refused first.
+  run.add_option("--accesses", o.workload.accesses, "Accesses the workload makes")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  run.add_option("--seed", o.workload.seed, "Seed of the workload")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  run.add_option("--mix", mix, "Weights of reads, writes and bulk accesses")
+      ->check(kMixValidator)
+      ->capture_default_str();
+  run.add_option("--restart", o.workload.restarts,
+                 "Restart this serializer part-way; repeat for several")
+      ->expected(1)
+      ->take_all();
+  run.add_option("--restart-at", o.workload.restartAt,
+                 "Fraction of the accesses made before the restarts")
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  run.add_flag("--dump", o.dump, "Print the DemuxDal state dump after the report");
+  run.add_flag("--trace", o.trace,
+               "Record every trace point in the ring and print its last records after the report");
+  run.add_option("--trace-records", o.traceRecords, "How many ring records --trace prints")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  run.add_option("--trace-file", o.traceFile,
+                 "Record every trace point in the ring and dump the ring to this file "
+                 "(decode it with `trace`)");
+  run.add_flag("--json", o.json, "Print the report as JSON");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Runs the Zorvek DAL of an agent on a simulated switch.", "zorvek-sim"};
+  app.require_subcommand(1);
+
+  RunOptions runOptions;
+  std::string mix = runOptions.workload.mix.text();
+  CLI::App* run = app.add_subcommand(
+      "run", "Build the switch and the DAL, run a workload, restart serializers, check the chip");
+  addRunOptions(*run, runOptions, mix);
+  CLI::App* topology =
+      app.add_subcommand("topology", "Print the embedded default topology as JSON");
+  std::string file;
+  CLI::App* check = app.add_subcommand("check", "Check a topology file");
+  check->add_option("FILE", file, "Topology JSON file")->required();
+  CLI::App* trace = app.add_subcommand("trace", "Decode a trace ring dumped by run --trace-file");
+  trace->add_option("FILE", file, "Dumped ring")->required();
+
+  CLI11_PARSE(app, argc, argv);
+
+  try {
+    if (*run) {
+      runOptions.workload.mix = *parseMix(mix);
+      return runCommand(runOptions, std::cout);
+    }
+    if (*topology) return topologyCommand(std::cout);
+    if (*check) return checkCommand(file, std::cout, std::cerr);
+    if (*trace) return traceCommand(file, std::cout);
+  } catch (const sim::TopologyError& e) {
+    std::cerr << "zorvek-sim: " << e.what() << "\n";
+    return kBadInput;
+  } catch (const BadInput& e) {
+    std::cerr << "zorvek-sim: " << e.what() << "\n";
+    return kBadInput;
+  }
+  return kSuccess;
+}

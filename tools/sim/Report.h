@@ -1,0 +1,72 @@
+// simtool::RunReport: what `zorvek-sim run` found, gathered once from the switch, the DAL
+// tree and the workload, then printed as text or as JSON.
+//
+//   simtool::RunReport report = simtool::makeReport(source, sw, *dal, workload, check);
+//   simtool::printText(report, std::cout);    // or printJson
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "ChipCheck.h"
+#include "Workload.h"
+
+namespace simtool {
+
+// One DAL of the tree: the resources routed to it, what the workload sent it and its cache
+// statistics.
+struct DalLine {
+  std::string name;
+  bool ready;
+  std::vector<std::string> resources;
+  KindCounts accesses;
+  U64 readHits, readMisses, writeHits, writeMisses;
+};
+
+// One requester: the commands it was handed (its running command index), and what became of
+// them: for a queue, what its serializer executed and rejected; for the S-channel, what
+// completed and what the chip refused. Held back: S-channel commands not issued yet.
+struct RequesterLine {
+  std::string name;
+  std::string serializer;  // "S-channel" for the default DAL's requester
+  U64 commands;
+  U64 executed;
+  U64 failed;
+  U64 heldBack;
+};
+
+struct RunReport {
+  std::string topology;  // the file, or "embedded default"
+  std::size_t devices;
+  std::size_t serializers;
+  sim::AgentId dalAgent;
+  std::string requesterName;
+  bool ready;
+  WorkloadOptions options;
+  KindCounts accesses;
+  KindCounts failedAccesses;
+  double seconds;
+  std::vector<DalLine> dals;
+  std::vector<RequesterLine> requesters;
+  std::vector<Restart> restarts;
+  ChipCheck check;
+  std::string stateDump;           // laid out; empty unless asked for
+  std::vector<std::string> trace;  // decoded ring records; empty unless asked for
+  U64 traceRecords = 0;            // records in the ring
+
+  double accessesPerSecond() const;
+  // Why the run failed, one line each; empty when everything passed.
+  std::vector<std::string> failures() const;
+  bool ok() const { return failures().empty(); }
+};
+
+// Gathers the report of a run (the workload may not have run, for a DAL that was not
+// ready).
+RunReport makeReport(const std::string& topology, const sim::SimSwitch& sw,
+                     const Zorvek::DemuxDal& dal, const Workload& workload, ChipCheck check);
+
+void printText(const RunReport& report, std::ostream& out);
+void printJson(const RunReport& report, std::ostream& out);
+
+}  // namespace simtool

@@ -1,0 +1,70 @@
+#include <fstream>
+
+#include "ChipCheck.h"
+#include "Commands.h"
+#include "DumpFormat.h"
+#include "ExitCode.h"
+#include "Kel/Trace.h"
+#include "Kwisp/Kwisp.h"
+#include "Report.h"
+
+namespace simtool {
+
+namespace {
+
+sim::Topology loadTopology(const RunOptions& options) {
+  if (options.topologyPath.empty()) return sim::Topology::embeddedDefault();
+  return sim::Topology::load(options.topologyPath);
+}
+
+// Refuses a trace file that cannot be written before anything runs, so that a run is never
+// lost for want of its dump.
+void checkTraceFile(const std::string& path) {
+  if (path.empty()) return;
+  std::ofstream probe(path, std::ios::app);
+  if (!probe) throw BadInput("--trace-file " + path + ": cannot write the file");
+}
+
+std::vector<std::string> lastRecords(std::size_t n) {
+  std::vector<std::string> records = Kwisp::decode();
+  if (records.size() > n) records.erase(records.begin(), records.end() - static_cast<long>(n));
+  return records;
+}
+
+}  // namespace
+
+int runCommand(RunOptions options, std::ostream& out) {
+  const sim::Topology topology = loadTopology(options);
+  checkTraceFile(options.traceFile);
+  const bool ring = options.trace || !options.traceFile.empty();
+  if (ring) {
+    Kel::ringLevelsIs("*/0-9");
+    Kwisp::clear();
+  }
+  options.workload.source =
+      options.topologyPath.empty() ? "embedded default" : options.topologyPath;
+
+  sim::SimSwitch sw(topology);
+  const Kel::Ptr<Zorvek::DemuxDal> dal = sw.buildDal();
+  Workload workload(sw, dal, options.workload);
+  if (dal->ready()) {
+    Progress progress(options.workload.accesses, Progress::wanted(options.workload.accesses));
+    workload.run(progress);
+  }
+  RunReport report =
+      makeReport(options.workload.source, sw, *dal, workload, checkChip(sw, workload.written()));
+  if (options.dump) report.stateDump = formatDump(stateDump(*dal));
+  if (options.trace) {
+    report.trace = lastRecords(options.traceRecords);
+    report.traceRecords = Kwisp::recordCount();
+  }
+  if (!options.traceFile.empty()) Kwisp::dump(options.traceFile);
+
+  if (options.json)
+    printJson(report, out);
+  else
+    printText(report, out);
+  return report.ok() ? kSuccess : kCheckFailed;
+}
+
+}  // namespace simtool
