@@ -1,0 +1,134 @@
+// sim::Topology: the JSON form (each kind of bad input answered with one message naming the
+// source, the line and the field), validation of a topology built in code, and the embedded
+// default's round trip through toJson and parse.
+#include "sim/Topology.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace sim {
+namespace {
+
+using ::testing::HasSubstr;
+
+// A valid topology; the bad ones below each change one piece of it. Line numbers matter.
+constexpr const char* kBase = R"({
+  "dalAgent": 1,
+  "agents": [ { "id": 1, "requesterName": "fwd" },
+              { "id": 2, "requesterName": "l2" } ],
+  "devices": [
+    { "id": 0,
+      "tables": [ { "name": "host", "id": 16, "entrySize": 8, "entryCount": 64 },
+                  { "name": "route", "id": 32, "entrySize": 8, "entryCount": 32,
+                    "instances": 2 } ],
+      "registers": [ { "name": "ctrl", "id": 1, "size": 4 } ] } ],
+  "serializers": [
+    { "id": 1, "agent": 2, "name": "hostser", "kickQueue": "kick",
+      "configDir": "s/config", "statusDir": "s/status",
+      "resources": [ { "id": 256, "tables": [16], "dataMask": [255, 15] } ] } ]
+}
+)";
+
+std::string replaced(const std::string& from, const std::string& to) {
+  std::string text = kBase;
+  const std::size_t at = text.find(from);
+  if (at == std::string::npos) ADD_FAILURE() << "the base has no '" << from << "'";
+  return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+// The message of the TopologyError that `f` throws.
+template <class F>
+std::string topologyError(F f) {
+  try {
+    f();
+  } catch (const TopologyError& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+struct BadCase {
+  const char* what;
+  const char* from;  // text of the base
+  const char* to;    // what it becomes
+  const char* message;
+};
+
+class TopologyBadInputTest : public ::testing::TestWithParam<BadCase> {};
+
+TEST_P(TopologyBadInputTest, NamesSourceLineAndField) {
+  const BadCase& c = GetParam();
+  EXPECT_EQ(topologyError([&] { Topology::parse(replaced(c.from, c.to), "sw.json"); }), c.message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, TopologyBadInputTest,
+    ::testing::Values(
+        BadCase{"UnknownField", "\"kickQueue\"", "\"kickQ\"",
+                "sw.json:12: field 'serializers[0].kickQ': unknown field"},
+        BadCase{"MissingField", "\"entrySize\": 8, \"entryCount\": 64", "\"entrySize\": 8",
+                "sw.json:7: field 'devices[0].tables[0]': missing field 'entryCount'"},
+        BadCase{"WrongType", "\"name\": \"hostser\"", "\"name\": 7",
+                "sw.json:12: field 'serializers[0].name': expected a string"},
+        BadCase{"NumberAboveItsType", "{ \"id\": 1, \"agent\": 2", "{ \"id\": 70000, \"agent\": 2",
+                "sw.json:12: field 'serializers[0].id': value 70000 is above 65535"},
+        BadCase{"SerializerOwnsResourcesOfTheDalAgent", "\"agent\": 2", "\"agent\": 1",
+                "sw.json:14: field 'serializers[0].resources': serializer 'hostser' runs in agent "
+                "1, the agent that runs the DAL, so it cannot own resources that agent reaches "
+                "remotely"},
+        BadCase{"MissingRequesterName", "{ \"id\": 1, \"requesterName\": \"fwd\" }",
+                "{ \"id\": 1 }",
+                "sw.json:2: field 'dalAgent': agent 1 runs the DAL but has no requesterName"},
+        BadCase{"DalAgentNotAnAgent", "\"dalAgent\": 1", "\"dalAgent\": 9",
+                "sw.json:2: field 'dalAgent': agent 9 is not in agents"},
+        BadCase{"TableNotOnTheDevice", "\"tables\": [16]", "\"tables\": [16, 48]",
+                "sw.json:14: field 'serializers[0].resources[0].tables[1]': table 48 does not "
+                "exist on device 0"},
+        BadCase{"TableOwnedTwice", "\"tables\": [16]", "\"tables\": [16, 16]",
+                "sw.json:14: field 'serializers[0].resources[0].tables[1]': table 16 is already "
+                "owned by serializer 'hostser'"}),
+    [](const auto& info) { return std::string(info.param.what); });
+
+TEST(TopologyTest, MalformedJsonNamesTheLineOfTheError) {
+  EXPECT_THAT(topologyError(
+                  [] { Topology::parse(replaced("\"size\": 4 }", "\"size\": 4, }"), "sw.json"); }),
+              HasSubstr("sw.json:10: malformed JSON: "));
+}
+
+TEST(TopologyTest, UnreadableFileNamesTheFile) {
+  EXPECT_EQ(topologyError([] { Topology::load("/nonexistent/sw.json"); }),
+            "/nonexistent/sw.json: cannot read the file");
+}
+
+TEST(TopologyTest, ValidationOfATopologyBuiltInCodeNamesTheFieldWithoutALine) {
+  Topology t = Topology::parse(kBase, "sw.json");
+  t.agents[0].requesterName.clear();
+  EXPECT_EQ(topologyError([&] { t.validate("built"); }),
+            "built: field 'dalAgent': agent 1 runs the DAL but has no requesterName");
+}
+
+TEST(TopologyTest, FieldsWithDefaultsTakeThem) {
+  const Topology t = Topology::parse(kBase, "sw.json");
+  const TableSpec& host = t.devices[0].tables[0];
+  EXPECT_EQ(host.memoryEntrySize, 8u);
+  EXPECT_EQ(host.instances, 1u);
+  EXPECT_TRUE(host.cacheable);
+  EXPECT_FALSE(host.hash);
+  EXPECT_THAT(t.serializers[0].resources[0].dataMask, ::testing::ElementsAre(255, 15));
+}
+
+TEST(TopologyTest, EmbeddedDefaultRoundTripsThroughJson) {
+  const Topology def = Topology::embeddedDefault();
+  const std::string json = def.toJson();
+  const Topology back = Topology::parse(json, "default.json");
+  EXPECT_EQ(back, def);
+  EXPECT_EQ(back.toJson(), json);
+  ASSERT_EQ(back.serializers.size(), 2u);
+  EXPECT_EQ(back.serializers[0].resources[0].dataMask.size(), 8u);
+  EXPECT_TRUE(back.serializers[0].resources[1].dataMask.empty());
+}
+
+}  // namespace
+}  // namespace sim
