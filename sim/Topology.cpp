@@ -298,6 +298,9 @@ Topology readTopology(const Reader& r, const Json& root) {
 // ---------------------------------------------------------------------------------------
 // Validation: everything the creator, the serializers and the chips would trip over.
 
+// The resources one device may have, table instances and registers together.
+constexpr U64 kMaxResourcesPerDevice = 65536;
+
 class Validator {
  public:
   Validator(const Topology& t, const Reader& r) : t_(t), r_(r) {}
@@ -319,6 +322,14 @@ class Validator {
         r_.fail(Reader::join(p, "id"), "device " + std::to_string(d.id) + " is not below 127");
       if (!ids.insert(d.id).second)
         r_.fail(Reader::join(p, "id"), "device " + std::to_string(d.id) + " appears twice");
+      // Counted before the geometry lays them out: a few characters of "instances" would
+      // otherwise make it lay out billions of resources.
+      U64 resources = d.registers.size();
+      for (const TableSpec& t : d.tables) resources += t.instances;
+      if (resources > kMaxResourcesPerDevice)
+        r_.fail(p, "device " + std::to_string(d.id) + " has " + std::to_string(resources) +
+                       " resources (table instances and registers), more than " +
+                       std::to_string(kMaxResourcesPerDevice));
       try {
         geometries_.push_back(Kel::allocate<Geometry>(Kel::Name("device" + std::to_string(d.id)),
                                                       d.tables, d.registers));
