@@ -111,6 +111,12 @@ class LineRecorder : public nlohmann::json_sax<Json> {
     return true;
   }
   bool open(Json container) {
+    // Every open container keeps its path, as long as its depth: without a bound, deeply
+    // nested input would cost memory quadratic in its size. A topology nests six deep.
+    if (frames_.size() == kMaxDepth) {
+      error = "nested deeper than " + std::to_string(kMaxDepth) + " levels";
+      return false;
+    }
     std::string path;
     Json* node = place(std::move(container), &path);
     frames_.push_back({node, path, {}});
@@ -121,6 +127,7 @@ class LineRecorder : public nlohmann::json_sax<Json> {
     return true;
   }
 
+  static constexpr std::size_t kMaxDepth = 64;
   const std::size_t* line_;
   std::vector<Frame> frames_;
 };
