@@ -56,6 +56,9 @@ struct BadCase {
   const char* message;
 };
 
+// Names the case in test listings, instead of its bytes.
+void PrintTo(const BadCase& c, std::ostream* os) { *os << c.what; }
+
 class TopologyBadInputTest : public ::testing::TestWithParam<BadCase> {};
 
 TEST_P(TopologyBadInputTest, NamesSourceLineAndField) {

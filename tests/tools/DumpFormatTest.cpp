@@ -39,6 +39,9 @@ struct LayoutCase {
   const char* laidOut;
 };
 
+// Names the case in test listings, instead of its bytes.
+void PrintTo(const LayoutCase& c, std::ostream* os) { *os << c.what; }
+
 class DumpFormatTest : public ::testing::TestWithParam<LayoutCase> {};
 
 TEST_P(DumpFormatTest, LaysOutOneKeyPerLineAndKeepsTheText) {
