@@ -99,23 +99,18 @@ std::vector<std::string> RunReport::failures() const {
 RunReport makeReport(const std::string& topology, const sim::SimSwitch& sw,
                      const Zorvek::DemuxDal& dal, const Workload& workload, ChipCheck check) {
   const sim::Topology& t = sw.topology();
-  RunReport report{topology,
-                   t.devices.size(),
-                   t.serializers.size(),
-                   t.dalAgent,
-                   t.agent(t.dalAgent)->requesterName,
-                   dal.ready(),
-                   workload.options(),
-                   workload.accesses(),
-                   workload.failedAccesses(),
-                   workload.seconds(),
-                   {},
-                   {},
-                   workload.restarts(),
-                   std::move(check),
-                   {},
-                   {},
-                   0};
+  RunReport report{.topology = topology,
+                   .devices = t.devices.size(),
+                   .serializers = t.serializers.size(),
+                   .dalAgent = t.dalAgent,
+                   .requesterName = t.agent(t.dalAgent)->requesterName,
+                   .ready = dal.ready(),
+                   .options = workload.options(),
+                   .accesses = workload.accesses(),
+                   .failedAccesses = workload.failedAccesses(),
+                   .seconds = workload.seconds(),
+                   .restarts = workload.restarts(),
+                   .check = std::move(check)};
   for (const Route& route : workload.routes()) {
     report.dals.push_back(dalLine(route));
     const Kel::Ptr<Zorvek::Requester>& r = route.dal->requester();

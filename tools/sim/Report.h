@@ -47,13 +47,13 @@ struct RunReport {
   KindCounts accesses;
   KindCounts failedAccesses;
   double seconds;
-  std::vector<DalLine> dals;
-  std::vector<RequesterLine> requesters;
+  std::vector<DalLine> dals{};
+  std::vector<RequesterLine> requesters{};
   std::vector<Restart> restarts;
   ChipCheck check;
-  std::string stateDump;           // laid out; empty unless asked for
-  std::vector<std::string> trace;  // decoded ring records; empty unless asked for
-  U64 traceRecords = 0;            // records in the ring
+  std::string stateDump{};           // laid out; empty unless asked for
+  std::vector<std::string> trace{};  // decoded ring records; empty unless asked for
+  U64 traceRecords = 0;              // records in the ring
 
   double accessesPerSecond() const;
   // Why the run failed, one line each; empty when everything passed.
