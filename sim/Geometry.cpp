@@ -61,17 +61,22 @@ void Geometry::add(ResourceLayout layout) {
                         hexText(layout.id.id()) + " of '" + resources_[it->second].name + "'");
   layout.base = static_cast<DeviceOffset>(sizeBytes_);
   sizeBytes_ = end;
+  bases_.push_back(layout.base);
   resources_.push_back(std::move(layout));
 }
 
 const ResourceLayout* Geometry::find(DeviceOffset offset) const {
-  // The last resource whose base is not above the offset is the only candidate.
-  const auto after =
-      std::upper_bound(resources_.begin(), resources_.end(), offset,
-                       [](DeviceOffset o, const ResourceLayout& r) { return o < r.base; });
-  if (after == resources_.begin()) return nullptr;
-  const ResourceLayout& candidate = *(after - 1);
-  return offset < candidate.end() ? &candidate : nullptr;
+  // Resources leave no gaps from offset 0 on, so an offset inside the space belongs to the
+  // last resource whose base is not above it. Found by halving over the bases, which sit
+  // together in their own vector: every access of the device asks this.
+  if (offset >= sizeBytes_) return nullptr;
+  const DeviceOffset* first = bases_.data();
+  for (std::size_t n = bases_.size(); n > 1;) {
+    const std::size_t half = n / 2;
+    if (first[half] <= offset) first += half;
+    n -= half;
+  }
+  return &resources_[static_cast<std::size_t>(first - bases_.data())];
 }
 
 Location Geometry::locate(DeviceOffset offset) const {

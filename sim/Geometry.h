@@ -136,6 +136,7 @@ class KEL_EXPORT Geometry : public Kel::Entity {
   void add(ResourceLayout layout);
   Kel::Name name_;
   std::vector<ResourceLayout> resources_;
+  std::vector<DeviceOffset> bases_;                   // resources_[i].base, for find()
   std::unordered_map<PhysicalResourceId, U32> byId_;  // id -> index in resources_
   U64 sizeBytes_ = 0;
   U32 tableEntrySlots_ = 0;

@@ -51,8 +51,14 @@ SimDalHelper::Device& SimDalHelper::device(DeviceId devId) const {
 }
 
 const SimDalHelper::Device& SimDalHelper::deviceOf(void* optArg) const {
-  const SimOptArg a = optArgOf(optArg);
-  if (a.magic == kSimOptArgMagic) return device(DeviceId(a.devId));
+  // Only the two fields that name the device are read: this runs on every access.
+  U32 magic = 0;
+  if (optArg) std::memcpy(&magic, optArg, sizeof magic);
+  if (magic == kSimOptArgMagic) {
+    U32 devId;
+    std::memcpy(&devId, static_cast<const U8*>(optArg) + offsetof(SimOptArg, devId), sizeof devId);
+    return device(DeviceId(devId));
+  }
   if (!firstDevice_) throw GeometryError("SimDalHelper: no device");
   return *devices_[firstDevice_->value()];
 }
@@ -84,7 +90,9 @@ bool SimDalHelper::resourceExists(DeviceId devId, const PhysicalResourceId& rid)
 }
 
 PhysicalResourceId SimDalHelper::resourceId(DeviceOffset offset, void* optArg) const {
-  return deviceOf(optArg).geometry->locate(offset).layout->id;
+  const Geometry& g = *deviceOf(optArg).geometry;
+  if (const ResourceLayout* r = g.find(offset)) return r->id;
+  return g.locate(offset).layout->id;  // throws the geometry's error for this offset
 }
 
 void SimDalHelper::setOptArg(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset,
