@@ -53,7 +53,10 @@ class Fapmask {
   // Number of devices in the mask.
   constexpr unsigned fapIds() const noexcept {
     unsigned n = 0;
-    for (std::uint32_t w : words_) n += static_cast<unsigned>(std::popcount(w));
+    // Masks are mostly one device: empty words are skipped, since a population count may
+    // be a library call on this target.
+    for (std::uint32_t w : words_)
+      if (w) n += static_cast<unsigned>(std::popcount(w));
     return n;
   }
   constexpr bool fapId(FapId f) const noexcept {
@@ -70,8 +73,11 @@ class Fapmask {
   // The first device after `f` in the mask, or the null device when there is none;
   // starting from the null device yields the first device of the mask.
   constexpr FapId nextFapId(FapId f) const noexcept {
-    for (unsigned d = f.isNull() ? 0 : f.value() + 1u; d < 128; ++d)
-      if (fapId(FapId(d))) return FapId(d);
+    // A word at a time: the bits of the first word below the start are masked off.
+    for (unsigned d = f.isNull() ? 0 : f.value() + 1u; d < 128; d = (d / 32 + 1) * 32) {
+      const std::uint32_t w = words_[d / 32] & (~0u << (d % 32));
+      if (w) return FapId(d / 32 * 32 + static_cast<unsigned>(std::countr_zero(w)));
+    }
     return FapId(FapId::null);
   }
   constexpr std::uint32_t word(unsigned i) const noexcept { return words_[i]; }
