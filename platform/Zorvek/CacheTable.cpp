@@ -12,7 +12,6 @@ KEL_DEFINE_ENTITY_TYPE(CacheTable, "Zorvek::CacheTable")
 namespace {
 
 constexpr unsigned kMinIndexBits = 4;
-constexpr U64 kFibonacciMultiplier = 0x9E3779B97F4A7C15ull;
 
 }  // namespace
 
@@ -31,21 +30,6 @@ CacheTable::~CacheTable() = default;
 DeviceOffset CacheTable::entryOffset(U32 entryIndex) const {
   KEL_ASSERT(entryIndex < entries());
   return chunks_[entryIndex / kEntriesPerChunk]->offsets[entryIndex % kEntriesPerChunk];
-}
-
-U32 CacheTable::entryIndex(DeviceOffset offset) const {
-  if (slots_.empty()) return kNoEntry;
-  return slots_[slotFor(offset)].index;
-}
-
-const unsigned char* CacheTable::entryDataPtr(DeviceOffset offset) const {
-  const U32 index = entryIndex(offset);
-  return index == kNoEntry ? nullptr : data(index);
-}
-
-unsigned char* CacheTable::entryDataPtr(DeviceOffset offset) {
-  const U32 index = entryIndex(offset);
-  return index == kNoEntry ? nullptr : data(index);
 }
 
 void CacheTable::entryIs(DeviceOffset offset, const unsigned char* data, bool) {
@@ -95,20 +79,6 @@ std::size_t CacheTable::memoryBytes() const {
   return bytes;
 }
 
-std::size_t CacheTable::homeSlot(DeviceOffset offset) const {
-  // Offsets of one table are usually multiples of a stride; the multiplicative hash
-  // spreads them over the whole index.
-  return static_cast<std::size_t>((offset * kFibonacciMultiplier) >> (64 - indexBits_));
-}
-
-std::size_t CacheTable::slotFor(DeviceOffset offset) const {
-  const std::size_t mask = slots_.size() - 1;
-  for (std::size_t i = homeSlot(offset);; i = (i + 1) & mask) {
-    const Slot& s = slots_[i];
-    if (s.index == kNoEntry || s.offset == offset) return i;
-  }
-}
-
 void CacheTable::growIndex() {
   indexBits_ = std::max(kMinIndexBits, indexBits_ + 1);
   std::vector<Slot> old(std::size_t{1} << indexBits_, Slot{0, kNoEntry});
@@ -136,11 +106,6 @@ U32 CacheTable::usedEntryIndex(DeviceOffset offset) const {
   const U32 index = entryIndex(offset);
   KEL_ASSERT_TEXT(index != kNoEntry, "entryIndex( offset ) != kNoEntry");
   return index;
-}
-
-unsigned char* CacheTable::data(U32 index) const {
-  return chunks_[index / kEntriesPerChunk]->data.get() +
-         std::size_t{index % kEntriesPerChunk} * entrySize_;
 }
 
 U32 CacheTable::chunkEntries(std::size_t chunk) const {

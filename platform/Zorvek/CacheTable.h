@@ -64,11 +64,19 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   U32 entries() const { return entries_; }
   DeviceOffset entryOffset(U32 entryIndex) const;
   // The index of the entry at `offset`, or kNoEntry.
-  U32 entryIndex(DeviceOffset offset) const;
+  U32 entryIndex(DeviceOffset offset) const {
+    return slots_.empty() ? kNoEntry : slots_[slotFor(offset)].index;
+  }
 
   // The entry's data (entrySize() bytes), or null when the offset is not in use.
-  const unsigned char* entryDataPtr(DeviceOffset offset) const;
-  unsigned char* entryDataPtr(DeviceOffset offset);
+  const unsigned char* entryDataPtr(DeviceOffset offset) const {
+    const U32 index = entryIndex(offset);
+    return index == kNoEntry ? nullptr : data(index);
+  }
+  unsigned char* entryDataPtr(DeviceOffset offset) {
+    const U32 index = entryIndex(offset);
+    return index == kNoEntry ? nullptr : data(index);
+  }
 
   // Puts the entry at `offset` in use (if it is not) and fills it from `data` (entrySize()
   // bytes). Allocating the numEntries()+1-th offset asserts "entries() < numEntries()".
@@ -109,15 +117,31 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
     DeviceOffset offsets[kEntriesPerChunk];
   };
 
-  std::size_t homeSlot(DeviceOffset offset) const;
+  // Every shadow access looks its entry up, so the lookup is inline.
+  std::size_t homeSlot(DeviceOffset offset) const {
+    // Offsets of one table are usually multiples of a stride; the multiplicative hash
+    // spreads them over the whole index.
+    return static_cast<std::size_t>((offset * kFibonacciMultiplier) >> (64 - indexBits_));
+  }
   // The position of the slot that holds `offset`, or of the empty slot where it would go.
-  std::size_t slotFor(DeviceOffset offset) const;
+  std::size_t slotFor(DeviceOffset offset) const {
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t i = homeSlot(offset);; i = (i + 1) & mask) {
+      const Slot& s = slots_[i];
+      if (s.index == kNoEntry || s.offset == offset) return i;
+    }
+  }
   void growIndex();
   U32 allocate(DeviceOffset offset);
   // The index of an entry that must be in use.
   U32 usedEntryIndex(DeviceOffset offset) const;
-  unsigned char* data(U32 index) const;
+  unsigned char* data(U32 index) const {
+    return chunks_[index / kEntriesPerChunk]->data.get() +
+           std::size_t{index % kEntriesPerChunk} * entrySize_;
+  }
   U32 chunkEntries(std::size_t chunk) const;
+
+  static constexpr U64 kFibonacciMultiplier = 0x9E3779B97F4A7C15ull;
 
   AgentId agentId_;
   CacheTableIndex tableIndex_;
