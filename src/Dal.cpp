@@ -18,7 +18,9 @@ Dal::Dal(Kel::Name name) : name_(std::move(name)) {}
 
 Dal::~Dal() = default;
 
-void Dal::initLocalCache(DeviceId, bool) { KEL_ASSERT(0 && "Must be implemented by derived class"); }
+void Dal::initLocalCache(DeviceId, bool) {
+  KEL_ASSERT(0 && "Must be implemented by derived class");
+}
 void Dal::waitForCompletion(DeviceId) { KEL_ASSERT(0 && "Must be implemented by derived class"); }
 void Dal::waitForCompletionDefaultDal(DeviceId) {
   KEL_ASSERT(0 && "Must be implemented by derived class");
@@ -92,32 +94,32 @@ void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
   cacheReadHits_ += 1;
   const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheReadTableHits_[PhysicalTableId(rid.id())] += 1;
+    cacheReadTableHits_.inc(PhysicalTableId(rid.id()));
   else
-    cacheReadRegHits_[PhysicalRegisterId(rid.id())] += 1;
+    cacheReadRegHits_.inc(PhysicalRegisterId(rid.id()));
 }
 
 void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
   cacheReadMisses_ += 1;
   const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheReadTableMisses_[PhysicalTableId(rid.id())] += 1;
+    cacheReadTableMisses_.inc(PhysicalTableId(rid.id()));
   else
-    cacheReadRegMisses_[PhysicalRegisterId(rid.id())] += 1;
+    cacheReadRegMisses_.inc(PhysicalRegisterId(rid.id()));
 }
 
 void Dal::doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteHits_ += 1;
   const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheWriteTableHits_[PhysicalTableId(rid.id())] += 1;
+    cacheWriteTableHits_.inc(PhysicalTableId(rid.id()));
 }
 
 void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteMisses_ += 1;
   const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheWriteTableMisses_[PhysicalTableId(rid.id())] += 1;
+    cacheWriteTableMisses_.inc(PhysicalTableId(rid.id()));
 }
 
 }  // namespace Zorvek

@@ -24,19 +24,50 @@
 // delete one, delete all, and the whole collection for iteration.
 #define ZORVEK_DAL_COUNTER_COLLECTION(name, Key)                                  \
  public:                                                                          \
-  U64 name(const Key& k) const {                                                  \
-    auto it = name##_.find(k);                                                    \
-    return it == name##_.end() ? 0 : it->second;                                  \
-  }                                                                               \
-  void name##Is(const Key& k, U64 v) { name##_[k] = v; }                          \
-  void name##Del(const Key& k) { name##_.erase(k); }                              \
-  void name##DelAll() { name##_.clear(); }                                        \
-  const std::unordered_map<Key, U64>& name##Col() const { return name##_; }       \
+  U64 name(const Key& k) const { return name##_.value(k); }                       \
+  void name##Is(const Key& k, U64 v) { name##_.valueIs(k, v); }                   \
+  void name##Del(const Key& k) { name##_.del(k); }                                \
+  void name##DelAll() { name##_.delAll(); }                                       \
+  const std::unordered_map<Key, U64>& name##Col() const { return name##_.map(); } \
                                                                                   \
  private:                                                                         \
-  std::unordered_map<Key, U64> name##_;
+  DalCounterCollection<Key> name##_;
 
 namespace Zorvek {
+
+// A per-resource U64 counter collection (hashed by the resource-id hash). inc() remembers
+// the counter it last counted: accesses come in runs on one table, and a run then hashes
+// its key once. Element addresses of the map survive rehashing; only erasing forgets one.
+template <class Key>
+class DalCounterCollection {
+ public:
+  U64 value(const Key& k) const {
+    auto it = map_.find(k);
+    return it == map_.end() ? 0 : it->second;
+  }
+  void valueIs(const Key& k, U64 v) { map_[k] = v; }
+  void del(const Key& k) {
+    if (last_ && lastKey_ == k) last_ = nullptr;
+    map_.erase(k);
+  }
+  void delAll() {
+    last_ = nullptr;
+    map_.clear();
+  }
+  void inc(const Key& k) {
+    if (!last_ || !(lastKey_ == k)) {
+      last_ = &map_[k];
+      lastKey_ = k;
+    }
+    *last_ += 1;
+  }
+  const std::unordered_map<Key, U64>& map() const { return map_; }
+
+ private:
+  std::unordered_map<Key, U64> map_;
+  Key lastKey_{};
+  U64* last_ = nullptr;
+};
 
 class KEL_EXPORT Dal : public Kel::Entity {
   KEL_ENTITY_TYPE(Dal)
@@ -69,8 +100,7 @@ class KEL_EXPORT Dal : public Kel::Entity {
   virtual S32 dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg);
   virtual S32 dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,
                            const void* data, void* optArg);
-  virtual S32 dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data,
-                          void* optArg);
+  virtual S32 dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data, void* optArg);
   // Writes the DAL's fields to `fd` as the inside of a dictionary literal, with no newline.
   virtual void showDalState(U32 fd);
   virtual void handleCoprocessorChecker();
