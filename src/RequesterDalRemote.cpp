@@ -125,20 +125,39 @@ Kel::Ptr<CacheTable> RequesterDalRemote::initOneLocalCache(const CacheTableIndex
 // ---------------------------------------------------------------------------------------
 // Shadow access
 
-void RequesterDalRemote::maybeAllocateLocalShadowEntry(const CacheTableIndex& tableIndex,
-                                                       DeviceOffset offset, U32 size) {
-  Kel::Ptr<CacheTable> lCache = localCache(tableIndex);
+CacheTable* RequesterDalRemote::findLocalCache(const CacheTableIndex& tableIndex) {
+  if (lastTable_ && lastIndex_ == tableIndex) return lastTable_;
+  const auto it = localCache_.find(tableIndex);
+  if (it == localCache_.end() || !it->second) return nullptr;
+  lastIndex_ = tableIndex;
+  lastTable_ = it->second.ptr();
+  return lastTable_;
+}
+
+CacheTable& RequesterDalRemote::localCacheOrInit(const CacheTableIndex& tableIndex) {
+  CacheTable* lCache = findLocalCache(tableIndex);
   if (!lCache) {
     initOneLocalCache(tableIndex, coldStart_);
-    lCache = localCache(tableIndex);
+    lCache = findLocalCache(tableIndex);
   }
   KEL_ASSERT(lCache);
-  if (lCache->entryDataPtr(offset)) return;
+  return *lCache;
+}
+
+void RequesterDalRemote::maybeAllocateLocalShadowEntry(const CacheTableIndex& tableIndex,
+                                                       DeviceOffset offset, U32 size) {
+  maybeAllocateLocalShadowEntry(localCacheOrInit(tableIndex), tableIndex, offset, size);
+}
+
+void RequesterDalRemote::maybeAllocateLocalShadowEntry(CacheTable& lCache,
+                                                       const CacheTableIndex& tableIndex,
+                                                       DeviceOffset offset, U32 size) {
+  if (lCache.entryDataPtr(offset)) return;
   DUWISP_TRACE(th(), 5,
                "maybeAllocateLocalShadowEntry %s tableIndex resource type %s id 0x%x offset 0x%x "
                "size %s",
                name(), tableIndex.prid().type(), tableIndex.prid().id(), offset, size);
-  lCache->entryIs(offset, lCache->initialEntryData(), hwAccessAllowed());
+  lCache.entryIs(offset, lCache.initialEntryData(), hwAccessAllowed());
 }
 
 void RequesterDalRemote::writeEntryDataToShadow(const CacheTableIndex& tableIndex,
@@ -149,6 +168,8 @@ void RequesterDalRemote::writeEntryDataToShadow(const CacheTableIndex& tableInde
   lCache->writeEntryData(offset, static_cast<const unsigned char*>(data), hwAccessAllowed());
 }
 
+// The shadow hooks look their table up once: the steps of maybeAllocateLocalShadowEntry and
+// writeEntryDataToShadow then work on the table found.
 S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U16 size, void* data,
                                          void* optArg) {
   const PhysicalResourceId resourceId = helper()->resourceId(offset, optArg);
@@ -156,9 +177,9 @@ S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U1
                   "helper()->cacheable( devId, resourceId )");
   if (!localShadowForRemoteResourcesEnabled()) return -1;
   const CacheTableIndex index(devId, resourceId);
-  const Kel::Ptr<CacheTable> table = localCache(index);
+  CacheTable* table = findLocalCache(index);
   if (!table) return -1;
-  maybeAllocateLocalShadowEntry(index, offset, size);
+  maybeAllocateLocalShadowEntry(*table, index, offset, size);
   table->readEntryData(offset, static_cast<unsigned char*>(data), size);
   return 0;
 }
@@ -168,8 +189,10 @@ S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U1
 S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16 size,
                                         const void* data, void* optArg) {
   const CacheTableIndex index(devId, helper()->resourceId(offset, optArg));
-  maybeAllocateLocalShadowEntry(index, offset, size);
-  writeEntryDataToShadow(index, offset, data, size);
+  CacheTable& table = localCacheOrInit(index);
+  maybeAllocateLocalShadowEntry(table, index, offset, size);
+  // The size is deliberately not passed on: the table always takes a whole entry.
+  table.writeEntryData(offset, static_cast<const unsigned char*>(data), hwAccessAllowed());
   return 0;
 }
 

@@ -55,8 +55,14 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
   // The table of `index`, created empty when absent.
   Kel::Ptr<CacheTable> localCacheIs(AgentId agentId, const CacheTableIndex& index, U32 numEntries,
                                     U32 entrySize);
-  void localCacheDel(const CacheTableIndex& index) { localCache_.erase(index); }
-  void localCacheDelAll() { localCache_.clear(); }
+  void localCacheDel(const CacheTableIndex& index) {
+    if (index == lastIndex_) lastTable_ = nullptr;
+    localCache_.erase(index);
+  }
+  void localCacheDelAll() {
+    lastTable_ = nullptr;
+    localCache_.clear();
+  }
   const LocalCacheMap& localCaches() const { return localCache_; }
 
   // The coldStart of the last initLocalCache (false before), used for lazy creation.
@@ -94,12 +100,24 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
  private:
   // The mask bytes of `mask`, as a new array of `size` bytes; null when the flag is off.
   static U8* maskArray(const RequesterDataMask& mask, U32 size);
+  // The local cache of the index, or null; remembered for the next shadow access.
+  CacheTable* findLocalCache(const CacheTableIndex& tableIndex);
+  // The local cache of the index, created by initOneLocalCache (with the last coldStart)
+  // when absent; asserts "lCache".
+  CacheTable& localCacheOrInit(const CacheTableIndex& tableIndex);
+  // maybeAllocateLocalShadowEntry on the table already found for the index.
+  void maybeAllocateLocalShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex,
+                                     DeviceOffset offset, U32 size);
   void pushTable(const CacheTable& table, void* optArg);
 
   Kel::Ptr<ResourceIdToDataMaskMap> resourceIdToDataMaskMap_;
   std::unordered_map<PhysicalResourceId, bool> remoteResource_;
   bool localShadowEnabled_ = true;
   LocalCacheMap localCache_;
+  // The table of the last shadow access: accesses come in runs on one table, which then
+  // skip the walk of localCache_. Forgotten when a table leaves the collection.
+  CacheTableIndex lastIndex_;
+  CacheTable* lastTable_ = nullptr;
   bool coldStart_ = false;
   Kel::Ptr<LocalCacheSyncSm> localCacheSyncSm_;
   bool initialized_ = false;
