@@ -186,7 +186,8 @@ void printCheck(const RunReport& r, std::ostream& out) {
         << (m.mask.empty() ? std::string() : ", mask " + hexBytes(m.mask)) << "\n";
   }
   if (c.mismatches.size() > kMismatchesShown)
-    out << "  ... and " << c.mismatches.size() - kMismatchesShown << " more (--json lists every one)\n";
+    out << "  ... and " << c.mismatches.size() - kMismatchesShown
+        << " more (--json lists every one)\n";
 }
 
 }  // namespace
