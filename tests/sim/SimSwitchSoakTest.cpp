@@ -1,0 +1,95 @@
+// A soak of a simulated switch: rounds of accesses through the DemuxDal, a restart of every
+// serializer (each one replayed by the remote DALs) and a new DAL tree every few rounds, while
+// the resident memory of the process must stay flat once the shadows have filled.
+//
+// The suite runs a few rounds; ZORVEK_SOAK_SECONDS=600 soaks for ten minutes and prints the
+// resident memory before and after. Built with AddressSanitizer, whose quarantine holds on
+// to freed memory, the rounds run but the memory is not judged.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <vector>
+
+#include "sim/SimSwitch.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ZORVEK_SOAK_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZORVEK_SOAK_ASAN 1
+#endif
+#endif
+
+namespace sim {
+namespace {
+
+constexpr unsigned kRoundsPerTree = 16;
+// A creator hands out 8-bit DAL ids, three per tree: the soak keeps the last of a few trees.
+constexpr unsigned kTrees = 4;
+constexpr unsigned kWarmUpRounds = 2 * kRoundsPerTree;
+constexpr unsigned kSuiteRounds = kTrees * kRoundsPerTree;
+// Allocators keep some freed memory; a leak of a few bytes per access or restart goes far
+// past this within the suite's rounds already.
+constexpr long kAllowedGrowthKiB = 2048;
+
+long residentKiB() {
+  std::ifstream statm("/proc/self/statm");
+  long pages = 0, resident = 0;
+  statm >> pages >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Writes, reads and bulk-accesses the first entries of every resource of every device, then
+// restarts every serializer and waits for the replays.
+void round(SimSwitch& sw, Zorvek::DemuxDal& dal, unsigned n) {
+  for (const auto& [devId, chip] : sw.chips()->chips()) {
+    for (const ResourceLayout& r : chip->geometry()->resources()) {
+      const U32 entries = std::min<U32>(r.entryCount, 64);
+      std::vector<U8> data(r.memoryEntrySize * entries, static_cast<U8>(n));
+      for (U32 e = 0; e < entries; ++e) {
+        const DeviceOffset offset = r.entryOffset(e);
+        SimOptArg arg = sw.optArg(devId, offset);
+        U8* entry = data.data() + e * r.memoryEntrySize;
+        if (devId.value() == 0)
+          dal.dalWrite(Zorvek::oneDeviceMask(devId), offset, static_cast<U16>(r.memoryEntrySize),
+                       entry, &arg);
+        dal.dalRead(devId, offset, static_cast<U16>(r.memoryEntrySize), entry, &arg);
+      }
+      if (!r.isTable()) continue;
+      SimOptArg arg = sw.optArg(devId, r.base);
+      SimDalHelper::bulkBufferIs(&arg, data.data());
+      dal.dalBulkRead(devId, r.base, static_cast<U32>(data.size()), data.data(), &arg);
+      dal.waitForCompletion(devId);
+    }
+  }
+  for (const SerializerSpec& s : sw.topology().serializers) sw.restart(s.name);
+  dal.waitForCompletion(DeviceId(0));
+}
+
+TEST(SimSwitchSoakTest, ResidentMemoryStaysFlat) {
+  const char* seconds = std::getenv("ZORVEK_SOAK_SECONDS");
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(seconds ? std::atol(seconds) : 0);
+  SimSwitch sw(Topology::embeddedDefault());
+  Kel::Ptr<Zorvek::DemuxDal> dal;
+  long before = 0;
+  unsigned n = 0;
+  for (; n < kSuiteRounds || std::chrono::steady_clock::now() < deadline; ++n) {
+    if (n % kRoundsPerTree == 0 && n < kSuiteRounds) dal = sw.buildDal();
+    if (n == kWarmUpRounds) before = residentKiB();
+    round(sw, *dal, n);
+  }
+  const long after = residentKiB();
+  std::printf("soak: %u rounds, %zu restarts, resident %ld KiB after warm-up, %ld KiB at the end\n",
+              n, n * sw.topology().serializers.size(), before, after);
+#ifndef ZORVEK_SOAK_ASAN
+  EXPECT_LE(after - before, kAllowedGrowthKiB);
+#endif
+}
+
+}  // namespace
+}  // namespace sim
