@@ -90,9 +90,19 @@ void Dal::coprocessorCheckerIs(const Kel::Ptr<CoprocessorChecker>& c) {
   handleCoprocessorChecker();
 }
 
+bool Dal::accessCacheable(DeviceId devId, const PhysicalResourceId& rid) const {
+  AccessScope::Access* a = access_;
+  if (!a || !(a->rid == rid)) return helper()->cacheable(devId, rid);
+  if (a->cacheable < 0 || !(a->cacheableDevId == devId)) {
+    a->cacheable = helper()->cacheable(devId, rid);
+    a->cacheableDevId = devId;
+  }
+  return a->cacheable != 0;
+}
+
 void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
   cacheReadHits_ += 1;
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const PhysicalResourceId rid = accessResourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
     cacheReadTableHits_.inc(PhysicalTableId(rid.id()));
   else
@@ -101,7 +111,7 @@ void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
 
 void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
   cacheReadMisses_ += 1;
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const PhysicalResourceId rid = accessResourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
     cacheReadTableMisses_.inc(PhysicalTableId(rid.id()));
   else
@@ -110,14 +120,14 @@ void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
 
 void Dal::doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteHits_ += 1;
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const PhysicalResourceId rid = accessResourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
     cacheWriteTableHits_.inc(PhysicalTableId(rid.id()));
 }
 
 void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteMisses_ += 1;
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const PhysicalResourceId rid = accessResourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
     cacheWriteTableMisses_.inc(PhysicalTableId(rid.id()));
 }

@@ -129,18 +129,24 @@ void DemuxDal::handleInitialized() {
   demuxDalReadySm_ = DemuxDalReadySm::DemuxDalReadySmIs(defaultDal_, resourceIdToDalMap_, this);
 }
 
-// Routes and owners are keyed by the normalized id; the traces name the resource the access
-// touched, as the agent knows it.
 Kel::Ptr<RequesterDal> DemuxDal::dalSelector(DeviceOffset offset, void* optArg) {
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  return selectDal(helper()->resourceId(offset, optArg), optArg);
+}
+
+// Routes and owners are keyed by the normalized id; the traces name the resource the access
+// touched, as the agent knows it. The DAL is returned without a reference of its own: the map
+// or this DemuxDal holds one, and the caller takes its own before anything can change them.
+RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid, void* optArg) {
   const PhysicalResourceId normalized = helper()->normalizedResourceId(rid);
   if (!optArg || forceUseDefaultDal_) {
     DUWISP_TRACE(th(), 8, "Resource type %s id 0x%x forceDefaultDal %s", rid.type(), rid.id(),
                  forceUseDefaultDal_);
-    return defaultDal_;
+    return defaultDal_.ptr();
   }
-  Kel::Ptr<RequesterDal> found = resourceIdToDalMap_->dal(normalized);
-  if (!resourceOwnershipCheckEnabled_) return found ? found : defaultDal_;
+  const auto entry = resourceIdToDalMap_->dals().find(normalized);
+  RequesterDal* const found =
+      entry == resourceIdToDalMap_->dals().end() ? nullptr : entry->second.ptr();
+  if (!resourceOwnershipCheckEnabled_) return found ? found : defaultDal_.ptr();
 
   KEL_ASSERT(demuxDalCreator());
   const AgentId owner = demuxDalCreator_->ownerAgentIdForPhysicalResource(normalized);
@@ -149,44 +155,58 @@ Kel::Ptr<RequesterDal> DemuxDal::dalSelector(DeviceOffset offset, void* optArg) 
   bool resourceOwnedByMe = true;
   if (!std::getenv("XP_FORCE_LOCAL_SHADOW_ACCESS") && owner != kInvalidAgentId)
     resourceOwnedByMe = owner == me;
-  if (forceReadFromShadow()) return found ? found : defaultDal_;
+  if (forceReadFromShadow()) return found ? found : defaultDal_.ptr();
 
-  const bool extDal = static_cast<bool>(found);
+  const bool extDal = found != nullptr;
   if (extDal && !resourceOwnedByMe) return found;
-  if (!extDal && resourceOwnedByMe) return defaultDal_;
+  if (!extDal && resourceOwnedByMe) return defaultDal_.ptr();
   DUWISP_TRACE(th(), 0,
                "Resource type %s id %s is owned by agent %s and not by agent %s extDal %s "
                "resourceOwnedByMe %s",
                rid.type(), rid.id(), owner, me, extDal, resourceOwnedByMe);
   KEL_ASSERT_TEXT((extDal && !resourceOwnedByMe) || (!extDal && resourceOwnedByMe),
                   "( (extDal && !resourceOwnedByMe) || (!extDal && resourceOwnedByMe) )");
-  return defaultDal_;
+  return defaultDal_.ptr();
 }
 
 // The accesses call the RequesterDal implementation directly, not through the virtual
-// table, and hand back its result unchanged.
+// table, and hand back its result unchanged. The resource this DemuxDal's helper gave for
+// the routing goes with the access, so that a member with the same helper does not ask it
+// again; a member with a helper of its own asks its own.
 S32 DemuxDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                        const void* data, void* optArg) {
-  const Kel::Ptr<RequesterDal> dal = dalSelector(offset, optArg);
-  return dal->RequesterDal::dalWrite(targetMask, offset, size, data, optArg);
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
+  if (dal->helper() != helper())
+    return dal->RequesterDal::dalWrite(targetMask, offset, size, data, optArg);
+  return dal->routedWrite(rid, targetMask, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
-  const Kel::Ptr<RequesterDal> dal = dalSelector(offset, optArg);
-  return dal->RequesterDal::dalRead(devId, offset, size, data, optArg);
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
+  if (dal->helper() != helper())
+    return dal->RequesterDal::dalRead(devId, offset, size, data, optArg);
+  return dal->routedRead(rid, devId, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,
                            const void* data, void* optArg) {
   KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  const Kel::Ptr<RequesterDal> dal = dalSelector(offset, optArg);
-  return dal->RequesterDal::dalBulkWrite(targetMask, offset, size, data, optArg);
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
+  if (dal->helper() != helper())
+    return dal->RequesterDal::dalBulkWrite(targetMask, offset, size, data, optArg);
+  return dal->routedBulkWrite(rid, targetMask, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data, void* optArg) {
   KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  const Kel::Ptr<RequesterDal> dal = dalSelector(offset, optArg);
-  return dal->RequesterDal::dalBulkRead(devId, offset, size, data, optArg);
+  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
+  if (dal->helper() != helper())
+    return dal->RequesterDal::dalBulkRead(devId, offset, size, data, optArg);
+  return dal->routedBulkRead(rid, devId, offset, size, data, optArg);
 }
 
 // ---------------------------------------------------------------------------------------

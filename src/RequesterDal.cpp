@@ -52,8 +52,8 @@ S32 RequesterDal::readFromShadow(DeviceId devId, DeviceOffset offset, U16 size, 
       DUWISP_TRACE(th(), 8, "readFromShadow %s local shadow access is disabled", name());
       return -1;
     }
-    const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
-    if (!forceReadFromShadow() && !helper()->cacheable(devId, rid)) {
+    const PhysicalResourceId rid = accessResourceId(offset, optArg);
+    if (!forceReadFromShadow() && !accessCacheable(devId, rid)) {
       doUpdateCacheMissOnRead(offset, optArg);
       return -1;
     }
@@ -112,7 +112,12 @@ S32 RequesterDal::writeToShadow(const TargetMask& targetMask, DeviceOffset offse
 }
 
 S32 RequesterDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  return routedRead(helper()->resourceId(offset, optArg), devId, offset, size, data, optArg);
+}
+
+S32 RequesterDal::routedRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset,
+                             U16 size, void* data, void* optArg) {
+  const AccessScope access(*this, offset, optArg, rid);
   if (verifyEnabled()) {
     helper()->verifyOptArgMapping(devId, rid, offset, optArg);
     const U32 entrySizeBytes = helper()->memoryEntrySizeBytes(devId, rid);
@@ -135,7 +140,12 @@ S32 RequesterDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* d
 
 S32 RequesterDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                            const void* data, void* optArg) {
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  return routedWrite(helper()->resourceId(offset, optArg), targetMask, offset, size, data, optArg);
+}
+
+S32 RequesterDal::routedWrite(const PhysicalResourceId& rid, const TargetMask& targetMask,
+                              DeviceOffset offset, U16 size, const void* data, void* optArg) {
+  const AccessScope access(*this, offset, optArg, rid);
   if (verifyEnabled()) {
     const DeviceId devId = targetMask.firstDevice();
     helper()->verifyOptArgMapping(devId, rid, offset, optArg);
@@ -204,21 +214,43 @@ U8* RequesterDal::dataMaskSelector(DeviceOffset, void*, U16) { return nullptr; }
 S32 RequesterDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,
                                const void* data, void* optArg) {
   KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  return doBulkOperation(targetMask, offset, const_cast<void*>(data), size, optArg, bulkWriteCmd());
+  return bulkOperation(nullptr, targetMask, offset, const_cast<void*>(data), size, optArg,
+                       bulkWriteCmd());
 }
 
 S32 RequesterDal::dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data,
                               void* optArg) {
   const TargetMask mask = oneDeviceMask(devId);
   KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  return doBulkOperation(mask, offset, data, size, optArg, bulkReadCmd());
+  return bulkOperation(nullptr, mask, offset, data, size, optArg, bulkReadCmd());
+}
+
+S32 RequesterDal::routedBulkWrite(const PhysicalResourceId& rid, const TargetMask& targetMask,
+                                  DeviceOffset offset, U32 size, const void* data, void* optArg) {
+  KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
+  return bulkOperation(&rid, targetMask, offset, const_cast<void*>(data), size, optArg,
+                       bulkWriteCmd());
+}
+
+S32 RequesterDal::routedBulkRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset,
+                                 U32 size, void* data, void* optArg) {
+  const TargetMask mask = oneDeviceMask(devId);
+  KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
+  return bulkOperation(&rid, mask, offset, data, size, optArg, bulkReadCmd());
 }
 
 S32 RequesterDal::doBulkOperation(const TargetMask& targetMask, DeviceOffset offset, void* data,
                                   U32 size, void* optArg, Command cmd) {
+  return bulkOperation(nullptr, targetMask, offset, data, size, optArg, cmd);
+}
+
+S32 RequesterDal::bulkOperation(const PhysicalResourceId* resolved, const TargetMask& targetMask,
+                                DeviceOffset offset, void* data, U32 size, void* optArg,
+                                Command cmd) {
   const DeviceId devId = targetMask.firstDevice();
   KEL_ASSERT(targetMask.targets() == 1);
-  const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
+  const PhysicalResourceId rid = resolved ? *resolved : helper()->resourceId(offset, optArg);
+  const AccessScope access(*this, offset, optArg, rid);
   const U32 entrySizeInBytes = helper()->memoryEntrySizeBytes(devId, rid);
   KEL_ASSERT(entrySizeInBytes);
   DUWISP_TRACE(th(), 8,

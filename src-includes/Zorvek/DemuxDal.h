@@ -235,6 +235,8 @@ class KEL_EXPORT DemuxDal : public Dal {
   ~DemuxDal() override;
 
  private:
+  // dalSelector for the resource `rid` that the helper gave for the access.
+  RequesterDal* selectDal(const PhysicalResourceId& rid, void* optArg);
   void traceOptions(const char* reaction) const;
   void propagate(void (Dal::*setter)(bool), bool value);
 
