@@ -1,70 +1,21 @@
-// QueueRequester end to end against a small serializer: the requester and the serializer
-// mount the same state-database directories with opposite modes, the serializer attaches
-// to the queue it finds in its configuration directory and publishes its status.
+// QueueRequester against a small serializer, the fixture itself: it attaches to the queues in
+// the configuration directory and publishes its status in the status directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <map>
-#include <memory>
+#include <tuple>
 
-#include "Kel/Trace.h"
-#include "Skorra/MountGroup.h"
 #include "Zorvek/QueueRequester.h"
 
 namespace {
 
 using namespace Zorvek;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 const PhysicalResourceId kTable(ResourceType::tableResource_, 7);
-const PhysicalResourceId kOtherTable(ResourceType::tableResource_, 8);
-
-// Executes commands into a memory keyed by (device, offset), and serves every queue it is
-// attached to.
-class FakeSerializer : public QueueConsumer {
- public:
-  FakeSerializer(const Kel::Ptr<const Kel::Dir>& configDir, const Kel::Ptr<Kel::Dir>& statusDir)
-      : status(Kel::allocate<SerializerStatus>(Kel::Name("s0"))) {
-    statusDir->entityIs(Kel::String(SerializerStatus::kEntryName), status);
-    attacher = Kel::allocate<QueueAttacher>(configDir, this);
-  }
-  ~FakeSerializer() { attacher = nullptr; }  // detach while this consumer is whole
-
-  bool commandExecute(const RequesterQueue&, QueueCommand& cmd) override {
-    executed.push_back(cmd);
-    std::vector<U8>& mem = memory[{cmd.devId().value(), cmd.offset}];
-    mem.resize(cmd.size);
-    if (cmd.command == Command::readCmd_) std::copy(mem.begin(), mem.end(), cmd.data.begin());
-    if (cmd.command != Command::writeCmd_ && cmd.command != Command::blockingWriteCmd_) return true;
-    for (U32 i = 0; i < cmd.size; ++i) {
-      const U8 m = cmd.dataMask.empty() ? 0xFF : cmd.dataMask[i];
-      mem[i] = U8((mem[i] & ~m) | (cmd.data[i] & m));
-    }
-    return true;
-  }
-  void queueAttached(RequesterQueue& q) override { status->servedQueueIs(q.name()); }
-  void queueDetached(RequesterQueue& q) override { status->servedQueueDel(q.name()); }
-
-  std::vector<U64> indexes() const {
-    std::vector<U64> out;
-    for (const QueueCommand& c : executed) out.push_back(c.cmdIndex);
-    return out;
-  }
-
-  Kel::Ptr<SerializerStatus> status;
-  Kel::Ptr<QueueAttacher> attacher;
-  std::vector<QueueCommand> executed;
-  std::map<std::pair<unsigned, DeviceOffset>, std::vector<U8>> memory;
-};
-
-struct RequesterLog : Requester::NotifieeConst {
-  void onReady() override { ++ready; }
-  void onSerializerRestartCount() override { ++restarts; }
-  int ready = 0;
-  int restarts = 0;
-};
+const Kel::String kStatusEntry(SerializerStatus::kEntryName);
 
 std::string stateOf(const Requester& r) {
   FILE* f = std::tmpfile();
@@ -76,188 +27,119 @@ std::string stateOf(const Requester& r) {
   return text;
 }
 
-class QueueRequesterTest : public ::testing::Test {
+class QueueRequesterTest : public ::testing::Test, public QueueConsumer {
  protected:
-  void SetUp() override {
-    requesterMounts->doMount(Skorra::Mount("s0/config", "Kel::Dir", "wi"));
-    requesterMounts->doMount(Skorra::Mount("s0/status", "Kel::Dir", "ri"));
-    serializerMounts->doMount(Skorra::Mount("s0/config", "Kel::Dir", "ri"));
-    serializerMounts->doMount(Skorra::Mount("s0/status", "Kel::Dir", "wi"));
-    requesterMounts->completeMounts();
-    serializerMounts->completeMounts();
+  void TearDown() override { attacher = nullptr; }  // detach while this consumer is whole
+  void startSerializer() {
+    status->entityIs(kStatusEntry, served);
+    attacher = Kel::allocate<QueueAttacher>(config, this);
   }
+  // Runs commands against a memory keyed by offset.
+  bool commandExecute(const RequesterQueue&, QueueCommand& cmd) override {
+    executed.push_back(cmd);
+    if (cmd.command == Command::readCmd_) cmd.data = memory[cmd.offset];
+    if (cmd.command == Command::writeCmd_ || cmd.command == Command::blockingWriteCmd_)
+      memory[cmd.offset] = cmd.data;
+    return true;
+  }
+  void queueAttached(RequesterQueue& q) override { served->servedQueueIs(q.name()); }
+  void queueDetached(RequesterQueue& q) override { served->servedQueueDel(q.name()); }
 
   Kel::Ptr<QueueRequester> makeRequester(unsigned queueSize = 8, const char* name = "a1-s0-Queue") {
-    const Skorra::EntityManager* em = requesterMounts->entityManager();
-    return Kel::allocate<QueueRequester>(
-        name, AgentId(1), queueSize, DalId(3), processingStatus, watchList, IoMemType::queueMemory_,
-        Kel::dynamicPtrCast<Kel::Dir>(em->getEntity("s0/config")),
-        Kel::dynamicPtrCast<const Kel::Dir>(em->getEntity("s0/status")), "s0-kick",
-        "Kick-a1-s0-Requester");
-  }
-  std::unique_ptr<FakeSerializer> startSerializer() {
-    const Skorra::EntityManager* em = serializerMounts->entityManager();
-    return std::make_unique<FakeSerializer>(
-        Kel::dynamicPtrCast<const Kel::Dir>(em->getEntity("s0/config")),
-        Kel::dynamicPtrCast<Kel::Dir>(em->getEntity("s0/status")));
-  }
-  static Kel::Ptr<RequesterLog> observe(const Kel::Ptr<QueueRequester>& r) {
-    auto log = Kel::allocate<RequesterLog>();
-    log->notifierIs(r);
-    return log;
+    return Kel::allocate<QueueRequester>(name, AgentId(1), queueSize, DalId(3), processingStatus,
+                                         watchList, IoMemType::queueMemory_, config, status,
+                                         "s0-kick", "Kick-a1-s0-Requester");
   }
   static S64 writeAt(QueueRequester& r, DeviceOffset offset, std::vector<U8> data) {
     return r.write(oneDeviceMask(DeviceId(0)), kTable, offset, data.data(), nullptr,
                    U32(data.size()), false);
   }
 
-  Kel::Ptr<Skorra::Database> db = Kel::allocate<Skorra::Database>();
-  Kel::Ptr<Skorra::MountGroup> requesterMounts = Kel::allocate<Skorra::MountGroup>(db);
-  Kel::Ptr<Skorra::MountGroup> serializerMounts = Kel::allocate<Skorra::MountGroup>(db);
+  Kel::Ptr<Kel::Dir> config = Kel::allocate<Kel::Dir>(Kel::Name("config"));
+  Kel::Ptr<Kel::Dir> status = Kel::allocate<Kel::Dir>(Kel::Name("status"));
   Kel::Ptr<DalProcessingStatus> processingStatus = Kel::allocate<DalProcessingStatus>(DalId(3));
   Kel::Ptr<Orv::WatchList> watchList = Kel::allocate<Orv::WatchList>(Kel::Name("watchlist"));
+  Kel::Ptr<SerializerStatus> served = Kel::allocate<SerializerStatus>(Kel::Name("s0"));
+  Kel::Ptr<QueueAttacher> attacher;
+  std::vector<QueueCommand> executed;
+  std::map<DeviceOffset, std::vector<U8>> memory;
 };
 
-TEST_F(QueueRequesterTest, ReadinessFollowsTheServedQueues) {
-  auto early = makeRequester();
-  auto log = observe(early);
-  EXPECT_EQ(db->entity("s0/config/a1-s0-Queue"), early->queue());
-  EXPECT_FALSE(early->ready());
-
-  auto serializer = startSerializer();  // finds the queue, attaches, serves it
-  EXPECT_TRUE(early->ready());
-  EXPECT_TRUE(makeRequester(8, "a2-s0-Queue")->ready());  // served during construction
-
-  serializer->status->servedQueueDel("a1-s0-Queue");
-  EXPECT_FALSE(early->ready());
-  serializer->status->servedQueueIs("a9-s0-Queue");
-  EXPECT_FALSE(early->ready());
-  serializer->status->servedQueueIs("a1-s0-Queue");
-  EXPECT_TRUE(early->ready());
-  db->entityDel("s0/status/serializerStatus");
-  EXPECT_FALSE(early->ready());
-  EXPECT_EQ(log->ready, 4);
-}
-
-TEST_F(QueueRequesterTest, RestartCountFollowsThePublishedStatus) {
-  auto serializer = startSerializer();
+TEST_F(QueueRequesterTest, FollowsTheServedQueuesAndRestartCountOfThePublishedStatus) {
   auto r = makeRequester();
-  auto log = observe(r);
-  serializer->status->restartCountInc(1);
-  serializer->status->restartCountIs(1);
-  EXPECT_EQ(r->serializerRestartCount(), 1u);
-  EXPECT_EQ(log->restarts, 1);
+  const auto seen = [&] { return std::pair(r->ready(), r->serializerRestartCount()); };
+  EXPECT_EQ(config->entity("a1-s0-Queue"), r->queue());
+  EXPECT_FALSE(r->ready());
+  startSerializer();  // finds the queue, attaches, serves it
+  EXPECT_TRUE(r->ready());
+  EXPECT_TRUE(makeRequester(8, "a2-s0-Queue")->ready());  // served during construction
+  served->servedQueueDel("a1-s0-Queue");
+  served->servedQueueIs("a9-s0-Queue");  // another requester's queue
+  EXPECT_FALSE(r->ready());
+  served->servedQueueIs("a1-s0-Queue");
+  served->restartCountIs(1);
+  EXPECT_EQ(seen(), std::pair(true, U64(1)));
 
   auto replacement = Kel::allocate<SerializerStatus>(Kel::Name("s0"));
   replacement->restartCountIs(4);
-  db->entityIs("s0/status/serializerStatus", replacement);
+  status->entityIs(kStatusEntry, replacement);
   EXPECT_EQ(r->serializerStatus(), replacement);
-  EXPECT_EQ(r->serializerRestartCount(), 4u);
-  EXPECT_FALSE(r->ready());  // the new status does not serve the queue yet
-  db->entityDel("s0/status/serializerStatus");
-  EXPECT_EQ(r->serializerRestartCount(), 4u);
-  EXPECT_EQ(log->restarts, 2);
+  EXPECT_EQ(seen(), std::pair(false, U64(4)));  // the new status does not serve the queue yet
+  replacement->servedQueueIs("a1-s0-Queue");
+  status->entityDel(kStatusEntry);
+  EXPECT_EQ(seen(), std::pair(false, U64(4)));  // the count stays when the status goes
 }
 
-TEST_F(QueueRequesterTest, FullQueueIsDrainedInsteadOfDroppingCommands) {
-  auto serializer = startSerializer();
+TEST_F(QueueRequesterTest, CommandsRunWhenWaitedForOrToMakeRoomInAFullQueue) {
+  startSerializer();
   auto r = makeRequester(2);
   std::vector<S64> indexes;
   for (U8 i = 0; i < 5; ++i) indexes.push_back(writeAt(*r, 0x10u * i, {i, i}));
   EXPECT_THAT(indexes, ElementsAre(1, 2, 3, 4, 5));
-  EXPECT_THAT(serializer->indexes(), ElementsAre(1, 2, 3, 4));  // drained at the 3rd and 5th
+  EXPECT_EQ(executed.size(), 4u);  // drained at the 3rd and 5th
   EXPECT_EQ(processingStatus->lastEnqueuedCmdIndex(), 5u);
   r->waitForCmdIndex(5);
-  EXPECT_THAT(serializer->indexes(), ElementsAre(1, 2, 3, 4, 5));
-  for (U8 i = 0; i < 5; ++i) EXPECT_THAT((serializer->memory[{0, 0x10u * i}]), ElementsAre(i, i));
+  EXPECT_EQ(r->queue()->lastCompletedCmdIndex(), 5u);
+  // A blocking write and a read run at once.
+  U8 data[2] = {9, 8};
+  const S64 b = r->blockingWrite(oneDeviceMask(DeviceId(0)), kTable, 0x80, data, nullptr, 2, false);
+  EXPECT_EQ(r->queue()->lastCompletedCmdIndex(), U64(b));
+  EXPECT_EQ(r->read(DeviceId(0), kTable, 0x40, data, 2), b + 1);
+  EXPECT_THAT(data, ElementsAre(4, 4));
 }
 
-TEST_F(QueueRequesterTest, WithoutASerializerAFullQueueFailsTheCommand) {
+TEST_F(QueueRequesterTest, WithoutASerializerResultsAndAFullQueueFail) {
   auto r = makeRequester(2);
-  Kel::TraceHandle* th = Kel::traceHandle("ZorvekQueueRequester");
-  ASSERT_NE(th, nullptr);
-  const std::uint32_t levels = th->levels();
-  th->levelsIs(Kel::kAllTraceLevels);
-  Kel::TraceCapture capture;
-  U8 out[2] = {};
   U8 data[2] = {5, 6};
-  EXPECT_EQ(r->read(DeviceId(0), kTable, 0, out, 2), -1);
+  EXPECT_EQ(r->read(DeviceId(0), kTable, 0, data, 2), -1);
   EXPECT_EQ(r->blockingWrite(oneDeviceMask(DeviceId(0)), kTable, 0, data, nullptr, 2, false), -1);
   EXPECT_EQ(writeAt(*r, 0, {1}), 1);
   EXPECT_EQ(writeAt(*r, 8, {2}), 2);
   EXPECT_EQ(writeAt(*r, 16, {3}), -1);
-  th->levelsIs(levels);
-  EXPECT_TRUE(capture.contains("QueueRequester::read a1-s0-Queue no serializer drains the queue"));
-  EXPECT_TRUE(capture.contains(
-      "QueueRequester::enqueue a1-s0-Queue write queue full and no serializer drains it"));
   EXPECT_EQ(r->cmdIndex(), 3u);  // failed commands take no index
-
-  auto serializer = startSerializer();
+  startSerializer();
   r->waitForCmdIndex(2);
-  EXPECT_THAT(serializer->indexes(), ElementsAre(1, 2));
+  EXPECT_EQ(executed.size(), 2u);
 }
 
-TEST_F(QueueRequesterTest, WaitReadAndBlockingWriteReturnOnceTheCommandRan) {
-  auto serializer = startSerializer();
+TEST_F(QueueRequesterTest, CommandsCarryCopiesMadeAtTheCall) {
+  startSerializer();
   auto r = makeRequester();
-  const S64 w = writeAt(*r, 0x40, {1, 2, 3, 4});
-  EXPECT_THAT(serializer->executed, IsEmpty());
-  r->waitForCmdIndex(U64(w));
-  EXPECT_THAT(serializer->indexes(), ElementsAre(w));
-
-  U8 data[4] = {9, 8, 7, 6};
-  const S64 b = r->blockingWrite(oneDeviceMask(DeviceId(0)), kTable, 0x80, data, nullptr, 4, false);
-  EXPECT_EQ(r->queue()->lastCompletedCmdIndex(), U64(b));
-  U8 out[4] = {};
-  EXPECT_EQ(r->read(DeviceId(0), kTable, 0x40, out, 4), b + 1);
-  EXPECT_THAT(out, ElementsAre(1, 2, 3, 4));
-}
-
-TEST_F(QueueRequesterTest, DataAndMasksAreCopiedAtTheCall) {
-  auto serializer = startSerializer();
-  auto r = makeRequester();
-  U8 data[4] = {0xAA, 0xBB, 0xCC, 0xDD};
-  U8 mask[4] = {0xFF, 0x00, 0x0F, 0xFF};
+  U8 data[4] = {0xAA, 0xBB, 0xCC, 0xDD}, mask[4] = {0xFF, 0x00, 0x0F, 0xFF};
   U8 entries[6] = {1, 2, 3, 4, 5, 6};
   r->write(oneDeviceMask(DeviceId(1)), kTable, 0x20, data, mask, 4, true);
-  const S64 bulk = r->bulkWrite(oneDeviceMask(DeviceId(1)), kTable, 0x40, 0x1000, entries, 3, 2);
-  std::fill(std::begin(data), std::end(data), 0);
-  std::fill(std::begin(mask), std::end(mask), 0);
-  std::fill(std::begin(entries), std::end(entries), 0);
-  r->waitForCmdIndex(U64(bulk));
-
-  ASSERT_EQ(serializer->executed.size(), 2u);
-  const QueueCommand& w = serializer->executed[0];
-  EXPECT_EQ(w.command, Command::writeCmd_);
-  EXPECT_EQ(w.targets, oneDeviceMask(DeviceId(1)));
-  EXPECT_TRUE(w.reclaimWhenProgrammed);
+  r->bulkWrite(oneDeviceMask(DeviceId(1)), kTable, 0x40, 0x1000, entries, 3, 2);
+  std::fill_n(data, 4, 0), std::fill_n(mask, 4, 0), std::fill_n(entries, 6, 0);
+  r->waitForCmdIndex(2);
+  ASSERT_EQ(executed.size(), 2u);
+  const QueueCommand &w = executed[0], &b = executed[1];
+  EXPECT_EQ(std::tuple(w.command, w.targets, w.reclaimWhenProgrammed),
+            std::tuple(Command::writeCmd_, oneDeviceMask(DeviceId(1)), true));
   EXPECT_THAT(w.data, ElementsAre(0xAA, 0xBB, 0xCC, 0xDD));
   EXPECT_THAT(w.dataMask, ElementsAre(0xFF, 0x00, 0x0F, 0xFF));
-  const QueueCommand& b = serializer->executed[1];
-  EXPECT_EQ(b.command, Command::bulkWriteCmd_);
-  EXPECT_EQ(b.physAddr, 0x1000u);
-  EXPECT_EQ(b.entrySize, 3u);
-  EXPECT_EQ(b.numEntries, 2u);
+  EXPECT_EQ(std::tuple(b.command, b.physAddr, b.entrySize, b.numEntries),
+            std::tuple(Command::bulkWriteCmd_, PhysicalAddr(0x1000), 3u, 2u));
   EXPECT_THAT(b.data, ElementsAre(1, 2, 3, 4, 5, 6));
-}
-
-TEST_F(QueueRequesterTest, InitFreeFromSerializerCarriesItsMaskBytes) {
-  auto serializer = startSerializer();
-  auto r = makeRequester();
-  U8 mask[4] = {0xF0, 0x00, 0x00, 0x0F};
-  r->initFreeFromSerializer(DeviceId(2), kTable, mask, 4);
-  mask[0] = 0;
-  r->initFreeFromSerializer(DeviceId(2), kTable, nullptr, 4);
-  r->waitForCmdIndex(2);
-  ASSERT_EQ(serializer->executed.size(), 2u);
-  for (const QueueCommand& c : serializer->executed) {
-    EXPECT_EQ(c.command, Command::freeCmd_);
-    EXPECT_EQ(c.devId(), DeviceId(2));
-    EXPECT_EQ(c.resourceId, kTable);
-    EXPECT_EQ(c.size, 4u);
-  }
-  EXPECT_THAT(serializer->executed[0].dataMask, ElementsAre(0xF0, 0x00, 0x00, 0x0F));
-  EXPECT_THAT(serializer->executed[1].dataMask, IsEmpty());
 }
 
 TEST_F(QueueRequesterTest, WithoutDirectoriesItIsNeverReadyAndCommandsFail) {
@@ -265,21 +147,19 @@ TEST_F(QueueRequesterTest, WithoutDirectoriesItIsNeverReadyAndCommandsFail) {
                                          IoMemType::queueMemory_, nullptr, nullptr, "", "");
   U8 buf[4] = {};
   EXPECT_FALSE(r->ready());
-  EXPECT_EQ(r->queue(), nullptr);
   EXPECT_EQ(r->write(oneDeviceMask(DeviceId(0)), kTable, 0, buf, nullptr, 4, false), -1);
-  EXPECT_EQ(r->read(DeviceId(0), kTable, 0, buf, 4), -1);
-  EXPECT_EQ(r->bulkRead(DeviceId(0), kTable, 0, 0x1000, 4, 2), -1);
   EXPECT_EQ(r->initFreeFromSerializer(DeviceId(0), kTable, nullptr, 4), -1);
   EXPECT_EQ(r->cmdIndex(), 1u);
   EXPECT_THAT(stateOf(*r), ::testing::HasSubstr("'queue':None,'serializerStatus':False,"));
 }
 
 TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndWatchedCommands) {
-  auto serializer = startSerializer();
+  startSerializer();
   auto r = makeRequester(4);
   watchList->watchIs(DeviceId(0), kTable);
   writeAt(*r, 0x8, {1, 2});
-  r->write(oneDeviceMask(DeviceId(0)), kOtherTable, 0x8, nullptr, nullptr, 0, false);
+  r->write(oneDeviceMask(DeviceId(0)), {ResourceType::tableResource_, 8}, 0x8, nullptr, nullptr, 0,
+           false);  // not watched
   r->waitForCmdIndex(1);
   EXPECT_EQ(stateOf(*r),
             "'name':'a1-s0-Queue','agentId':1,'dalId':3,'ready':True,'cmdIndex':3,"
@@ -292,28 +172,14 @@ TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndWatchedCommands) 
 }
 
 TEST_F(QueueRequesterTest, GoingAwayWithdrawsTheQueueAndFreesEverything) {
-  auto serializer = startSerializer();
+  startSerializer();
   const auto requesters = QueueRequester::staticType().liveCount();
   const auto queues = RequesterQueue::staticType().liveCount();
-  {
-    auto r = makeRequester();
-    writeAt(*r, 0, {1});  // left waiting in the queue
-    EXPECT_TRUE(serializer->status->servedQueue("a1-s0-Queue"));
-  }
-  EXPECT_EQ(db->entity("s0/config/a1-s0-Queue"), nullptr);
-  EXPECT_FALSE(serializer->status->servedQueue("a1-s0-Queue"));
-  EXPECT_TRUE(serializer->attacher->queues().empty());
+  writeAt(*makeRequester(), 0, {1});  // left waiting in the queue
+  EXPECT_EQ(config->entity("a1-s0-Queue"), nullptr);
+  EXPECT_TRUE(served->servedQueues().empty() && attacher->queues().empty());
   EXPECT_EQ(QueueRequester::staticType().liveCount(), requesters);
   EXPECT_EQ(RequesterQueue::staticType().liveCount(), queues);
-}
-
-TEST_F(QueueRequesterTest, ReadOnlyConfigurationDirectoryIsRefused) {
-  const Skorra::EntityManager* em = serializerMounts->entityManager();
-  EXPECT_THROW(
-      Kel::allocate<QueueRequester>(
-          "a1-s0-Queue", AgentId(1), 8, DalId(0), nullptr, nullptr, IoMemType::queueMemory_,
-          Kel::dynamicPtrCast<Kel::Dir>(em->getEntity("s0/config")), nullptr, "", ""),
-      Skorra::MountError);
 }
 
 using QueueRequesterDeathTest = QueueRequesterTest;
