@@ -2,9 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <sstream>
 
 #include "Zorvek/SchanRequester.h"
@@ -21,47 +21,45 @@ constexpr DeviceOffset kRefusedOffset = 0xBAD;
 std::string bytes(const void* p, U32 n) {
   if (!p) return "-";
   std::ostringstream os;
-  for (U32 i = 0; i < n; ++i) os << (i ? " " : "") << unsigned(static_cast<const U8*>(p)[i]);
-  return "[" + os.str() + "]";
+  for (U32 i = 0; i < n; ++i) os << (i ? " " : "[") << unsigned(static_cast<const U8*>(p)[i]);
+  return os.str() + "]";
 }
 
+// Records each access as one line of text; reads return what the last write wrote, and
+// writes at kRefusedOffset are refused.
 class FakeBackend : public SchanBackend {
  public:
   S32 read(DeviceId d, const PhysicalResourceId&, DeviceOffset offset, void* data,
            U32 size) override {
-    calls.push_back("read " + std::to_string(d.value()) + " @" + std::to_string(offset));
-    std::vector<U8>& m = memory[{d.value(), offset}];
-    m.resize(size);
-    std::memcpy(data, m.data(), size);
-    return 0;
+    std::memcpy(data, last.data(), std::min<std::size_t>(size, last.size()));
+    return log("read", unsigned(d.value()), "@", offset);
   }
   S32 write(DeviceId d, const PhysicalResourceId&, DeviceOffset offset, const void* data,
             const void* mask, U32 size, AgentId agent) override {
-    calls.push_back("write " + std::to_string(d.value()) + " @" + std::to_string(offset) + " " +
-                    bytes(data, size) + " mask " + bytes(mask, size) + " agent " +
-                    std::to_string(agent));
-    if (offset == kRefusedOffset) return -1;
-    const auto* p = static_cast<const U8*>(data);
-    memory[{d.value(), offset}].assign(p, p + size);
-    return 0;
+    last.assign(static_cast<const U8*>(data), static_cast<const U8*>(data) + size);
+    log("write", unsigned(d.value()), "@", offset, bytes(data, size), "mask", bytes(mask, size),
+        agent);
+    return offset == kRefusedOffset ? -1 : 0;
   }
   S32 bulkRead(DeviceId d, const PhysicalResourceId&, DeviceOffset offset, PhysicalAddr phys,
                U32 entrySize, U32 numEntries) override {
-    calls.push_back("bulkRead " + std::to_string(d.value()) + " @" + std::to_string(offset) +
-                    " phys " + std::to_string(phys) + " " + std::to_string(entrySize) + "x" +
-                    std::to_string(numEntries));
-    return 0;
+    return log("bulkRead", unsigned(d.value()), "@", offset, "phys", phys, entrySize, "x",
+               numEntries);
   }
   S32 bulkWrite(DeviceId d, const PhysicalResourceId&, DeviceOffset offset, PhysicalAddr phys,
                 const void* data, U32 entrySize, U32 numEntries, AgentId agent) override {
-    calls.push_back("bulkWrite " + std::to_string(d.value()) + " @" + std::to_string(offset) +
-                    " phys " + std::to_string(phys) + " " + std::to_string(entrySize) + "x" +
-                    std::to_string(numEntries) + " " + bytes(data, entrySize * numEntries) +
-                    " agent " + std::to_string(agent));
+    return log("bulkWrite", unsigned(d.value()), "@", offset, "phys", phys, entrySize, "x",
+               numEntries, bytes(data, entrySize * numEntries), agent);
+  }
+  template <class... Args>
+  S32 log(const Args&... args) {
+    std::ostringstream os;
+    ((os << args << ' '), ...);
+    calls.push_back(os.str());
     return 0;
   }
   std::vector<std::string> calls;
-  std::map<std::pair<unsigned, DeviceOffset>, std::vector<U8>> memory;
+  std::vector<U8> last;
 };
 
 TargetMask devices(std::initializer_list<unsigned> ids) {
@@ -76,11 +74,10 @@ class SchanRequesterTest : public ::testing::Test {
   void TearDown() override { schanBackendIs(nullptr); }
   Kel::Ptr<SchanRequester> makeRequester(unsigned queueSize = 8) {
     return Kel::allocate<SchanRequester>("a5-Schan-Queue", AgentId(5), queueSize, DalId(0),
-                                         processingStatus, nullptr, 5u);
+                                         processingStatus, nullptr, 6u);
   }
   static S64 writeAt(SchanRequester& r, unsigned device, DeviceOffset offset, U8 value) {
-    U8 data[1] = {value};
-    return r.write(devices({device}), kTable, offset, data, nullptr, 1, false);
+    return r.write(devices({device}), kTable, offset, &value, nullptr, 1, false);
   }
   Kel::Ptr<FakeBackend> backend = Kel::allocate<FakeBackend>();
   Kel::Ptr<DalProcessingStatus> processingStatus = Kel::allocate<DalProcessingStatus>(DalId(0));
@@ -89,42 +86,28 @@ class SchanRequesterTest : public ::testing::Test {
 TEST_F(SchanRequesterTest, CommandsReachTheBackendOnEveryTargetDevice) {
   schanBackendIs(backend);
   auto r = makeRequester();
-  U8 data[2] = {1, 2};
-  U8 mask[2] = {0xFF, 0x00};
+  U8 data[2] = {1, 2}, mask[2] = {0xFF, 0x00}, out[2] = {};
   EXPECT_EQ(r->write(devices({0, 2}), kTable, 16, data, mask, 2, false), 1);
   EXPECT_EQ(r->bulkWrite(devices({1}), kTable, 32, 4096, nullptr, 4, 3), 2);
   EXPECT_EQ(r->bulkRead(DeviceId(1), kTable, 32, 8192, 4, 3), 3);
-  U8 out[2] = {};
   EXPECT_EQ(r->read(DeviceId(2), kTable, 16, out, 2), 4);
   EXPECT_THAT(out, ElementsAre(1, 2));
-  EXPECT_THAT(backend->calls, ElementsAre("write 0 @16 [1 2] mask [255 0] agent 5",
-                                          "write 2 @16 [1 2] mask [255 0] agent 5",
-                                          "bulkWrite 1 @32 phys 4096 4x3 - agent 5",
-                                          "bulkRead 1 @32 phys 8192 4x3", "read 2 @16"));
+  EXPECT_THAT(backend->calls, ElementsAre("write 0 @ 16 [1 2] mask [255 0] 6 ",
+                                          "write 2 @ 16 [1 2] mask [255 0] 6 ",
+                                          "bulkWrite 1 @ 32 phys 4096 4 x 3 - 6 ",
+                                          "bulkRead 1 @ 32 phys 8192 4 x 3 ", "read 2 @ 16 "));
   EXPECT_EQ(r->lastCompletedCmdIndex(), 4u);
   EXPECT_EQ(processingStatus->lastEnqueuedCmdIndex(), 4u);
-}
-
-TEST_F(SchanRequesterTest, ReadinessFollowsTheRegisteredBackend) {
-  auto r = makeRequester();
-  struct ReadyLog : Requester::NotifieeConst {
-    void onReady() override { ++calls; }
-    int calls = 0;
-  };
-  auto log = Kel::allocate<ReadyLog>();
-  log->notifierIs(r);
-  EXPECT_FALSE(r->ready());
-  schanBackendIs(backend);
-  EXPECT_TRUE(r->ready());
-  schanBackendIs(nullptr);
-  EXPECT_FALSE(r->ready());
-  schanBackendIs(Kel::allocate<FakeBackend>());
-  EXPECT_TRUE(r->ready());
-  EXPECT_EQ(log->calls, 3);
+  // A refusal comes back as a negative index and is counted.
+  EXPECT_EQ(writeAt(*r, 0, kRefusedOffset, 1), -1);
+  EXPECT_EQ(r->blockingWrite(devices({0}), kTable, kRefusedOffset, data, nullptr, 1, false), -1);
+  EXPECT_EQ(writeAt(*r, 0, 8, 1), 7);
+  EXPECT_EQ(r->failedCmds(), 2u);
 }
 
 TEST_F(SchanRequesterTest, WithoutABackendWritesWaitInOrderAndResultsFail) {
   auto r = makeRequester(2);
+  EXPECT_FALSE(r->ready());
   EXPECT_EQ(writeAt(*r, 0, 1, 11), 1);
   EXPECT_EQ(writeAt(*r, 0, 2, 22), 2);
   EXPECT_EQ(writeAt(*r, 0, 3, 33), -1);  // held-back queue full
@@ -133,11 +116,13 @@ TEST_F(SchanRequesterTest, WithoutABackendWritesWaitInOrderAndResultsFail) {
   EXPECT_EQ(r->blockingWrite(devices({0}), kTable, 4, out, nullptr, 1, false), -1);
   EXPECT_EQ(r->heldBackCmds(), 2u);
   EXPECT_THAT(backend->calls, IsEmpty());
-
-  schanBackendIs(backend);
+  schanBackendIs(backend);  // ready while registered: what was held back goes out
+  EXPECT_TRUE(r->ready());
   EXPECT_THAT(backend->calls,
-              ElementsAre("write 0 @1 [11] mask - agent 5", "write 0 @2 [22] mask - agent 5"));
+              ElementsAre("write 0 @ 1 [11] mask - 6 ", "write 0 @ 2 [22] mask - 6 "));
   EXPECT_EQ(r->heldBackCmds(), 0u);
+  schanBackendIs(nullptr);
+  EXPECT_FALSE(r->ready());
 }
 
 TEST_F(SchanRequesterTest, BlockedDeviceHoldsBackItsCommandsAndThoseBehindThem) {
@@ -155,17 +140,7 @@ TEST_F(SchanRequesterTest, BlockedDeviceHoldsBackItsCommandsAndThoseBehindThem) 
   checker->deviceBlockedIs(DeviceId(1), false);
   r->waitForCmdIndex(2);
   EXPECT_THAT(backend->calls,
-              ElementsAre("write 1 @8 [1] mask - agent 5", "write 0 @8 [2] mask - agent 5"));
-}
-
-TEST_F(SchanRequesterTest, RefusedCommandReturnsANegativeIndex) {
-  schanBackendIs(backend);
-  auto r = makeRequester();
-  U8 data[1] = {1};
-  EXPECT_EQ(writeAt(*r, 0, kRefusedOffset, 1), -1);
-  EXPECT_EQ(r->blockingWrite(devices({0}), kTable, kRefusedOffset, data, nullptr, 1, false), -1);
-  EXPECT_EQ(writeAt(*r, 0, 8, 1), 3);
-  EXPECT_EQ(r->failedCmds(), 2u);
+              ElementsAre("write 1 @ 8 [1] mask - 6 ", "write 0 @ 8 [2] mask - 6 "));
 }
 
 TEST_F(SchanRequesterTest, WatchLogKeepsTheLatestWatchedCommandsPerDevice) {
@@ -178,8 +153,7 @@ TEST_F(SchanRequesterTest, WatchLogKeepsTheLatestWatchedCommandsPerDevice) {
   const std::size_t writes = Orv::WatchLog::kCapacity + 2;
   for (std::size_t i = 0; i < writes; ++i)
     r->write(devices({0, 1, 2}), kTable, DeviceOffset(i), data, nullptr, 1, false);
-  r->write(devices({1}), PhysicalResourceId(ResourceType::tableResource_, 8), 0, data, nullptr, 1,
-           false);
+  r->write(devices({1}), {ResourceType::tableResource_, 8}, 0, data, nullptr, 1, false);
   const Orv::WatchLog& log = r->watchLog();
   EXPECT_EQ(log.recorded(), writes);  // device 1 only, and only the watched table
   ASSERT_EQ(log.records().size(), Orv::WatchLog::kCapacity);
@@ -196,7 +170,6 @@ TEST_F(SchanRequesterTest, AttachAndDetachKeepTheRecordOfCoprocessors) {
   r->attachCoprocessor(invalid);
   EXPECT_THAT(r->attachedCoprocessors(), ElementsAre(a2, b));
   r->detachCoprocessor(b);
-  EXPECT_THAT(r->attachedCoprocessors(), ElementsAre(a2));
   r->detachCoprocessor(invalid);  // the only one attached
   EXPECT_THAT(r->attachedCoprocessors(), IsEmpty());
   EXPECT_EQ(r->unidentifiedDetaches(), 0u);
@@ -223,7 +196,7 @@ TEST_F(SchanRequesterTest, ShowRequesterStateWritesItsFields) {
   std::fclose(f);
   EXPECT_EQ(text,
             "'name':'a5-Schan-Queue','agentId':5,'dalId':0,'ready':False,'cmdIndex':2,"
-            "'ownerAgentId':5,'backend':False,'heldBack':{'name':'a5-Schan-Queue','size':4,"
+            "'ownerAgentId':6,'backend':False,'heldBack':{'name':'a5-Schan-Queue','size':4,"
             "'depth':1,'consumer':False,'lastCompletedCmdIndex':0,'lastFailedCmdIndex':0,"
             "'failedCmds':0,},'attachedCoprocessors':{'2':{'coprocessorId':2,'genId':20,},},"
             "'unidentifiedDetaches':1,'watchLog':{'recorded':0,'records':{},},");
