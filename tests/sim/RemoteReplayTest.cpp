@@ -7,15 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <span>
-#include <tuple>
 #include <vector>
 
-#include "Skorra/MountGroup.h"
-#include "Zorvek/QueueRequester.h"
 #include "Zorvek/RequesterDalRemote.h"
 #include "sim/SimDalHelper.h"
-#include "sim/SimSerializer.h"
 #include "sim/TestGeometry.h"
 
 namespace sim {
@@ -27,40 +22,20 @@ using ::testing::ElementsAreArray;
 
 constexpr DeviceId kDev0{0};
 constexpr AgentId kAgent = 7;
-constexpr AgentId kOtherAgent = 8;
 using Bytes = std::vector<U8>;
-using EntryKey = std::tuple<U64, U32>;  // (table id, entry index)
 
-class RemoteReplayTest : public ::testing::Test {
+class RemoteReplayTest : public ::testing::Test, public SerializerBench {
  protected:
   void SetUp() override {
-    requesterMounts->doMount(Skorra::Mount("s1/config", "Kel::Dir", "wi"));
-    requesterMounts->doMount(Skorra::Mount("s1/status", "Kel::Dir", "ri"));
-    serializerMounts->doMount(Skorra::Mount("s1/config", "Kel::Dir", "ri"));
-    serializerMounts->doMount(Skorra::Mount("s1/status", "Kel::Dir", "wi"));
-    requesterMounts->completeMounts();
-    serializerMounts->completeMounts();
-    chips->chipIs(chip);
-    const Skorra::EntityManager* sem = serializerMounts->entityManager();
-    serializer = Kel::allocate<SimSerializer>(
-        Zorvek::SerializerId(1), AgentId(20), Kel::Name("s1"), chips,
-        Kel::dynamicPtrCast<const Kel::Dir>(sem->getEntity("s1/config")),
-        Kel::dynamicPtrCast<Kel::Dir>(sem->getEntity("s1/status")));
-    serializer->ownedTableIs(kRoute0);  // both instances
+    startSerializer();
     serializer->ownedTableIs(kHashed);
-    const Skorra::EntityManager* rem = requesterMounts->entityManager();
-    requester = Kel::allocate<Zorvek::QueueRequester>(
-        "a7-s1-Queue", kAgent, 8, Zorvek::DalId(1), nullptr, nullptr,
-        Zorvek::IoMemType::queueMemory_, Kel::dynamicPtrCast<Kel::Dir>(rem->getEntity("s1/config")),
-        Kel::dynamicPtrCast<const Kel::Dir>(rem->getEntity("s1/status")), "s1-kick",
-        "Kick-a7-s1-Requester");
     // The agent owns the first byte and some bits of two others of every route entry.
     Zorvek::RequesterDataMask routeMask(true);
     for (auto [index, byte] : {std::pair<U32, U8>{0, 0xFF}, {1, 0x0F}, {9, 0xF0}})
       routeMask.maskByteIs(index, byte);
     masks->dataMaskIs(kRoute0, routeMask);
     helper->deviceIs(kDev0, chip->geometry());
-    dal = Zorvek::requesterDalRemoteFactory("a7-s1-Queue", requester, masks);
+    dal = Zorvek::requesterDalRemoteFactory("a7-s1-Queue", queue, masks);
     dal->helperIs(helper);
     dal->remoteResourceIs(kRoute0, true);
     dal->remoteResourceIs(kHashed, true);
@@ -72,44 +47,22 @@ class RemoteReplayTest : public ::testing::Test {
   void write(const PhysicalResourceId& table, U32 index, U8 value) {
     const ResourceLayout& layout = *chip->geometry()->layout(table);
     const Bytes data(layout.memoryEntrySize, value);
-    const DeviceOffset offset = layout.entryOffset(index);
     SimOptArg optArg;
-    helper->setOptArg(kDev0, table, offset, &optArg);
-    ASSERT_EQ(
-        dal->dalWrite(Zorvek::oneDeviceMask(kDev0), offset, U16(data.size()), data.data(), &optArg),
-        0);
+    helper->setOptArg(kDev0, table, layout.entryOffset(index), &optArg);
+    ASSERT_EQ(dal->dalWrite(Zorvek::oneDeviceMask(kDev0), layout.entryOffset(index),
+                            U16(data.size()), data.data(), &optArg),
+              0);
     const Zorvek::RequesterDataMask& mask = masks->dataMask(layout.baseId);
     Bytes& expected = written[{table.id(), index}] = data;
     for (U32 i = 0; mask.flag() && i < expected.size(); ++i) expected[i] &= mask.maskByte(i);
   }
-  // Every entry of the agent's tables: what it wrote there, zeros elsewhere.
-  void expectChipHoldsExactlyWhatWasWritten() const {
-    for (const PhysicalResourceId& table : {kRoute0, kRoute1, kHashed}) {
-      const ResourceLayout& layout = *chip->geometry()->layout(table);
-      for (U32 index = 0; index < layout.entryCount; ++index) {
-        const auto it = written.find({table.id(), index});
-        const Bytes expected = it != written.end() ? it->second : Bytes(layout.memoryEntrySize);
-        const std::span<const U8> actual = chip->entry(table, index);
-        EXPECT_THAT(Bytes(actual.begin(), actual.end()), ElementsAreArray(expected))
-            << "table 0x" << std::hex << table.id() << " entry " << index;
-        EXPECT_EQ(chip->owner(table, index),
-                  it != written.end() ? kAgent : Zorvek::kInvalidAgentId);
-      }
-    }
-  }
 
-  Kel::Ptr<Skorra::Database> db = Kel::allocate<Skorra::Database>();
-  Kel::Ptr<Skorra::MountGroup> requesterMounts = Kel::allocate<Skorra::MountGroup>(db);
-  Kel::Ptr<Skorra::MountGroup> serializerMounts = Kel::allocate<Skorra::MountGroup>(db);
-  Kel::Ptr<SimChip> chip = Kel::allocate<SimChip>(kDev0, testGeometry());
-  Kel::Ptr<SimChipSet> chips = Kel::allocate<SimChipSet>();
+  Kel::Ptr<Zorvek::QueueRequester> queue = requester(kAgent);
   Kel::Ptr<SimDalHelper> helper = Kel::allocate<SimDalHelper>();
   Kel::Ptr<Zorvek::ResourceIdToDataMaskMap> masks =
       Kel::allocate<Zorvek::ResourceIdToDataMaskMap>();
-  Kel::Ptr<SimSerializer> serializer;
-  Kel::Ptr<Zorvek::QueueRequester> requester;
   Kel::Ptr<Zorvek::RequesterDalRemote> dal;
-  std::map<EntryKey, Bytes> written;
+  std::map<std::pair<U64, U32>, Bytes> written;  // (table id, entry index) -> chip bytes
 };
 
 TEST_F(RemoteReplayTest, RestartCountChangeReplaysWhatTheAgentWrote) {
@@ -117,7 +70,7 @@ TEST_F(RemoteReplayTest, RestartCountChangeReplaysWhatTheAgentWrote) {
   const Bytes other(16, 0xAA);
   for (const auto& [table, index] : {std::pair(kRoute0, 1u), std::pair(kRoute1, 3u)})
     ASSERT_EQ(chip->writeAt(chip->geometry()->layout(table)->entryOffset(index), other.data(),
-                            nullptr, 16, kOtherAgent),
+                            nullptr, 16, kAgent + 1),
               0);
   write(kRoute0, 1, 0x5C);
   write(kRoute1, 3, 0x20);
@@ -128,13 +81,24 @@ TEST_F(RemoteReplayTest, RestartCountChangeReplaysWhatTheAgentWrote) {
   EXPECT_EQ(chip->entry(kRoute0, 1)[2], 0xAA);
 
   serializer->restart();
-  EXPECT_EQ(requester->serializerRestartCount(), 1u);
+  EXPECT_EQ(queue->serializerRestartCount(), 1u);
   EXPECT_THAT(chip->entry(kRoute1, 3), Each(0));  // lost until the queued replay runs
   const U64 executed = serializer->counters("a7-s1-Queue").executed;
   serializer->serve();
   EXPECT_EQ(serializer->counters("a7-s1-Queue").executed, executed + 3);  // one write per entry
   EXPECT_EQ(serializer->rejectedCmds(), 0u);
-  expectChipHoldsExactlyWhatWasWritten();
+  // Every entry of the agent's tables: what it wrote there, zeros elsewhere.
+  for (const PhysicalResourceId& table : {kRoute0, kRoute1, kHashed}) {
+    const ResourceLayout& layout = *chip->geometry()->layout(table);
+    for (U32 index = 0; index < layout.entryCount; ++index) {
+      const auto it = written.find({table.id(), index});
+      const bool mine = it != written.end();
+      EXPECT_THAT(chip->entry(table, index),
+                  ElementsAreArray(mine ? it->second : Bytes(layout.memoryEntrySize)))
+          << "table 0x" << std::hex << table.id() << " entry " << index;
+      EXPECT_EQ(chip->owner(table, index), mine ? kAgent : Zorvek::kInvalidAgentId);
+    }
+  }
 }
 
 }  // namespace

@@ -9,11 +9,7 @@
 
 #include <array>
 
-#include "Kel/Trace.h"
-#include "Skorra/MountGroup.h"
-#include "Zorvek/QueueRequester.h"
-#include "Zorvek/RequesterDalRemote.h"
-#include "sim/SimDalHelper.h"
+#include "dal/DalDoubles.h"
 #include "sim/TestGeometry.h"
 
 namespace sim {
@@ -22,70 +18,26 @@ namespace {
 using namespace sim::test;
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::Pair;
 using Zorvek::QueueRequester;
 using Zorvek::S64;
 
 constexpr DeviceId kDev0{0};
-constexpr AgentId kAgent = 7;
-constexpr AgentId kOtherAgent = 8;
-using Entry = std::array<U8, 16>;
+constexpr AgentId kAgent = 7, kOtherAgent = 8;
 
-Entry filled(U8 v) {
-  Entry e;
-  e.fill(v);
-  return e;
-}
-
-class SimSerializerTest : public ::testing::Test {
+class SimSerializerTest : public ::testing::Test, public SerializerBench {
  protected:
-  SimSerializerTest() {
-    requesterMounts->doMount(Skorra::Mount("s1/config", "Kel::Dir", "wi"));
-    requesterMounts->doMount(Skorra::Mount("s1/status", "Kel::Dir", "ri"));
-    serializerMounts->doMount(Skorra::Mount("s1/config", "Kel::Dir", "ri"));
-    serializerMounts->doMount(Skorra::Mount("s1/status", "Kel::Dir", "wi"));
-    requesterMounts->completeMounts();
-    serializerMounts->completeMounts();
-    chips->chipIs(chip);
-  }
-
-  Kel::Ptr<QueueRequester> makeRequester(AgentId agentId, unsigned queueSize = 8) {
-    const Skorra::EntityManager* em = requesterMounts->entityManager();
-    const std::string name = "a" + std::to_string(agentId) + "-s1-Queue";
-    return Kel::allocate<QueueRequester>(
-        name, agentId, queueSize, Zorvek::DalId(1),
-        Kel::allocate<Zorvek::DalProcessingStatus>(Zorvek::DalId(1)), nullptr,
-        Zorvek::IoMemType::queueMemory_, Kel::dynamicPtrCast<Kel::Dir>(em->getEntity("s1/config")),
-        Kel::dynamicPtrCast<const Kel::Dir>(em->getEntity("s1/status")), "s1-kick", "Kick-" + name);
-  }
-  Kel::Ptr<SimSerializer> startSerializer() {
-    const Skorra::EntityManager* em = serializerMounts->entityManager();
-    auto s = Kel::allocate<SimSerializer>(
-        Zorvek::SerializerId(1), AgentId(20), Kel::Name("s1"), chips,
-        Kel::dynamicPtrCast<const Kel::Dir>(em->getEntity("s1/config")),
-        Kel::dynamicPtrCast<Kel::Dir>(em->getEntity("s1/status")));
-    s->ownedTableIs(kRoute0);  // both instances
-    return s;
-  }
   static S64 write(QueueRequester& r, const PhysicalResourceId& rid, DeviceOffset offset,
-                   Entry data, const void* mask = nullptr) {
-    return r.write(Zorvek::oneDeviceMask(kDev0), rid, offset, data.data(), mask, 16, false);
+                   Entry data) {
+    return r.write(Zorvek::oneDeviceMask(kDev0), rid, offset, data.data(), nullptr, 16, false);
   }
-
-  Kel::Ptr<Skorra::Database> db = Kel::allocate<Skorra::Database>();
-  Kel::Ptr<Skorra::MountGroup> requesterMounts = Kel::allocate<Skorra::MountGroup>(db);
-  Kel::Ptr<Skorra::MountGroup> serializerMounts = Kel::allocate<Skorra::MountGroup>(db);
-  Kel::Ptr<SimChip> chip = Kel::allocate<SimChip>(kDev0, testGeometry());
-  Kel::Ptr<SimChipSet> chips = Kel::allocate<SimChipSet>();
 };
 
-TEST_F(SimSerializerTest, RequesterIsReadyWhileItsQueueIsServed) {
-  auto early = makeRequester(kAgent);
+TEST_F(SimSerializerTest, ServesTheQueuesOfItsDirectoryUntilItGoes) {
+  auto early = requester(kAgent);
   EXPECT_FALSE(early->ready());
-  auto serializer = startSerializer();
-  EXPECT_TRUE(early->ready());
-  auto late = makeRequester(kOtherAgent);
-  EXPECT_TRUE(late->ready());
+  startSerializer();
+  auto late = requester(kOtherAgent);
+  EXPECT_TRUE(early->ready() && late->ready());
   EXPECT_THAT(serializer->status()->servedQueues(), ElementsAre("a7-s1-Queue", "a8-s1-Queue"));
   EXPECT_EQ(db->entity("s1/status/serializerStatus"), serializer->status());
 
@@ -96,101 +48,56 @@ TEST_F(SimSerializerTest, RequesterIsReadyWhileItsQueueIsServed) {
   EXPECT_EQ(db->entity("s1/status/serializerStatus"), nullptr);
 }
 
-TEST_F(SimSerializerTest, CommandsRunOnTheChipOnceWaitedFor) {
-  auto serializer = startSerializer();
-  auto requester = makeRequester(kAgent);
-  const S64 index = write(*requester, kRoute1, kRoute1Base + 16, filled(0x3C));
-  ASSERT_GT(index, 0);
+TEST_F(SimSerializerTest, CommandsRunOnTheChipWhenTheirQueueDrains) {
+  startSerializer();
+  auto r = requester(kAgent);
+  const S64 index = write(*r, kRoute1, kRoute1Base + 16, filled(0x3C));
   EXPECT_THAT(chip->entry(kRoute1, 1), Each(0));  // queued, not yet run
-  requester->waitForCmdIndex(static_cast<U64>(index));
+  r->waitForCmdIndex(static_cast<U64>(index));
   EXPECT_THAT(chip->entry(kRoute1, 1), Each(0x3C));
   EXPECT_EQ(chip->owner(kRoute1, 1), kAgent);
 
-  Entry mask{};
-  mask[0] = 0xF0;
-  ASSERT_GT(requester->blockingWrite(Zorvek::oneDeviceMask(kDev0), kRoute1, kRoute1Base + 16,
-                                     filled(0xA5).data(), mask.data(), 16, false),
+  Entry mask{0xF0}, back{};
+  ASSERT_GT(r->blockingWrite(Zorvek::oneDeviceMask(kDev0), kRoute1, kRoute1Base + 16,
+                             filled(0xA5).data(), mask.data(), 16, false),
             0);
-  EXPECT_EQ(chip->entry(kRoute1, 1)[0], 0xAC);  // ran at once, through the mask
-  EXPECT_EQ(chip->entry(kRoute1, 1)[1], 0x3C);
+  ASSERT_GT(r->read(kDev0, kRoute1, kRoute1Base + 16, back.data(), 16), 0);
+  EXPECT_THAT(std::vector(back.begin(), back.begin() + 2), ElementsAre(0xAC, 0x3C));  // masked
 
-  Entry back{};
-  ASSERT_GT(requester->read(kDev0, kRoute1, kRoute1Base + 16, back.data(), 16), 0);
-  EXPECT_EQ(back[0], 0xAC);
-  EXPECT_EQ(serializer->counters("a7-s1-Queue").executed, 3u);
-}
-
-TEST_F(SimSerializerTest, BulkCommandsMoveEntriesThroughTheirPhysicalAddress) {
-  auto serializer = startSerializer();
-  auto requester = makeRequester(kAgent);
+  // Bulk commands move whole entries through the memory at their physical address.
   std::array<Entry, 2> out{filled(0x11), filled(0x22)};
-  requester->bulkWrite(Zorvek::oneDeviceMask(kDev0), kRoute0, 32,
-                       reinterpret_cast<PhysicalAddr>(out.data()), nullptr, 16, 2);
   std::array<Entry, 3> in{};
-  const S64 index =
-      requester->bulkRead(kDev0, kRoute0, 16, reinterpret_cast<PhysicalAddr>(in.data()), 16, 3);
-  requester->waitForCmdIndex(static_cast<U64>(index));
+  r->bulkWrite(Zorvek::oneDeviceMask(kDev0), kRoute0, 32, reinterpret_cast<PhysicalAddr>(&out),
+               nullptr, 16, 2);
+  r->waitForCmdIndex(
+      U64(r->bulkRead(kDev0, kRoute0, 16, reinterpret_cast<PhysicalAddr>(&in), 16, 3)));
   EXPECT_THAT(in, ElementsAre(filled(0), filled(0x11), filled(0x22)));
   EXPECT_EQ(chip->owner(kRoute0, 3), kAgent);
-}
-
-TEST_F(SimSerializerTest, FullQueueDrainsInsteadOfDropping) {
-  auto serializer = startSerializer();
-  auto requester = makeRequester(kAgent, 2);
-  S64 last = 0;
-  for (U8 e = 0; e < 4; ++e) {
-    last = write(*requester, kRoute0, 16u * e, filled(static_cast<U8>(0x40 + e)));
-    ASSERT_GT(last, 0);
-  }
-  last = write(*requester, kRoute1, kRoute1Base, filled(0x44));
-  EXPECT_EQ(serializer->counters("a7-s1-Queue").executed, 4u);  // drained twice to make room
-  requester->waitForCmdIndex(static_cast<U64>(last));
-  for (U32 e = 0; e < 4; ++e) EXPECT_THAT(chip->entry(kRoute0, e), Each(0x40 + e));
-  EXPECT_THAT(chip->entry(kRoute1, 0), Each(0x44));
-  EXPECT_EQ(requester->queue()->failedCmds(), 0u);
-}
-
-TEST_F(SimSerializerTest, ServeRunsWhatWaitsInEveryQueue) {
-  auto serializer = startSerializer();
-  auto a = makeRequester(kAgent);
-  auto b = makeRequester(kOtherAgent);
-  write(*a, kRoute0, 0, filled(1));
-  write(*b, kRoute0, 16, filled(2));
-  write(*b, kRoute0, 32, filled(3));
-  EXPECT_EQ(serializer->serve(), 3u);
-  EXPECT_EQ(chip->owner(kRoute0, 2), kOtherAgent);
-  EXPECT_EQ(serializer->serve(), 0u);
+  EXPECT_EQ(serializer->counters("a7-s1-Queue").executed, 5u);
 }
 
 TEST_F(SimSerializerTest, CommandForAResourceNotOwnedIsRejected) {
-  auto serializer = startSerializer();
-  auto requester = makeRequester(kAgent);
-  Kel::TraceHandle* handle = Kel::traceHandle("SimSerializer");
-  ASSERT_NE(handle, nullptr);
-  const std::uint32_t levels = handle->levels();
-  handle->levelsIs(1u << 3);
-  Kel::TraceCapture capture;
-  const S64 index = write(*requester, kHashed, kHashedBase, filled(0x99));
-  requester->waitForCmdIndex(static_cast<U64>(index));
-  handle->levelsIs(levels);
-
+  startSerializer();
+  auto r = requester(kAgent);
+  const Zorvek::doubles::DalTrace trace("SimSerializer");
+  const S64 index = write(*r, kHashed, kHashedBase, filled(0x99));
+  r->waitForCmdIndex(static_cast<U64>(index));
   EXPECT_THAT(chip->entry(kHashed, 0), Each(0));
   EXPECT_EQ(chip->counters().writes, 0u);
   EXPECT_EQ(serializer->rejectedCmds(), 1u);
   EXPECT_EQ(serializer->counters("a7-s1-Queue").rejected, 1u);
   EXPECT_EQ(serializer->counters("a7-s1-Queue").executed, 0u);
-  EXPECT_EQ(requester->queue()->lastFailedCmdIndex(), static_cast<U64>(index));
+  EXPECT_EQ(r->queue()->lastFailedCmdIndex(), static_cast<U64>(index));
   EXPECT_TRUE(
-      capture.contains("rejected write cmdIndex 1 of queue a7-s1-Queue: device 0 "
-                       "resource type 1 id 0x20 is not owned"));
+      trace.contains("rejected write cmdIndex 1 of queue a7-s1-Queue: device 0 "
+                     "resource type 1 id 0x20 is not owned"));
 }
 
 TEST_F(SimSerializerTest, RestartWipesTheOwnedTablesAndRequestersFollowTheCount) {
-  auto serializer = startSerializer();
-  auto requester = makeRequester(kAgent);
-  write(*requester, kRoute0, 0, filled(0x10));
-  const S64 index = write(*requester, kRoute1, kRoute1Base, filled(0x11));
-  requester->waitForCmdIndex(static_cast<U64>(index));
+  startSerializer();
+  auto r = requester(kAgent);
+  write(*r, kRoute0, 0, filled(0x10));
+  r->waitForCmdIndex(U64(write(*r, kRoute1, kRoute1Base, filled(0x11))));
   chip->writeAt(kHashedBase, filled(0x20).data(), nullptr, 8, kOtherAgent);  // not owned
 
   serializer->restart();
@@ -198,79 +105,40 @@ TEST_F(SimSerializerTest, RestartWipesTheOwnedTablesAndRequestersFollowTheCount)
   EXPECT_THAT(chip->entry(kRoute1, 0), Each(0));
   EXPECT_EQ(chip->owner(kRoute1, 0), Zorvek::kInvalidAgentId);
   EXPECT_THAT(chip->entry(kHashed, 0), Each(0x20));
-  EXPECT_EQ(requester->serializerRestartCount(), 1u);
+  EXPECT_EQ(r->serializerRestartCount(), 1u);
   serializer->restart();
-  EXPECT_EQ(requester->serializerRestartCount(), 2u);
+  EXPECT_EQ(r->serializerRestartCount(), 2u);
   EXPECT_EQ(serializer->restartCount(), 2u);
 }
 
-TEST_F(SimSerializerTest, RemoteDalReplayRestoresTheChipAfterARestart) {
-  auto serializer = startSerializer();
-  auto requester = makeRequester(kAgent);
-  auto helper = Kel::allocate<SimDalHelper>();
-  helper->deviceIs(kDev0, chip->geometry());
-  auto dal = Zorvek::requesterDalRemoteFactory("a7-s1-Queue", requester, nullptr);
-  dal->helperIs(helper);
-  dal->remoteResourceIs(kRoute0, true);
-  dal->initLocalCache(kDev0, true);
-  SimOptArg optArg;
-  helper->setOptArg(kDev0, kRoute1, kRoute1Base + 16, &optArg);
-  const Entry data = filled(0x6B);
-  ASSERT_EQ(dal->dalWrite(Zorvek::oneDeviceMask(kDev0), kRoute1Base + 16, 16, data.data(), &optArg),
-            0);
-  serializer->serve();
-  ASSERT_THAT(chip->entry(kRoute1, 1), Each(0x6B));
-
-  serializer->restart();  // wipes the entry; the DAL's replay queues it again
-  EXPECT_THAT(chip->entry(kRoute1, 1), Each(0));
-  serializer->serve();
-  EXPECT_THAT(chip->entry(kRoute1, 1), Each(0x6B));
-  EXPECT_EQ(chip->owner(kRoute1, 1), kAgent);
-}
-
-struct FreeCase {
-  const char* what;
-  std::vector<U8> mask;  // empty: no mask
-  Entry expected;        // the agent's entry afterwards
-};
-void PrintTo(const FreeCase& c, std::ostream* os) { *os << c.what; }
-
+// The mask of a free (empty: none) and the agent's entry afterwards.
+using FreeCase = std::tuple<std::vector<U8>, Entry>;
 class SimSerializerFreeTest : public SimSerializerTest,
                               public ::testing::WithParamInterface<FreeCase> {};
 
 TEST_P(SimSerializerFreeTest, InitFreeFromSerializerFreesTheAgentsEntries) {
-  const FreeCase& c = GetParam();
-  auto serializer = startSerializer();
-  auto mine = makeRequester(kAgent);
-  auto other = makeRequester(kOtherAgent);
+  const auto& [mask, expected] = GetParam();
+  startSerializer();
+  auto mine = requester(kAgent), other = requester(kOtherAgent);
   write(*mine, kRoute0, 0, filled(0xFF));
   write(*other, kRoute0, 16, filled(0xEE));
   write(*mine, kRoute1, kRoute1Base, filled(0xDD));
-  const S64 index =
-      mine->initFreeFromSerializer(kDev0, kRoute0, c.mask.empty() ? nullptr : c.mask.data(), 16);
-  serializer->serve();
-  mine->waitForCmdIndex(static_cast<U64>(index));
-  EXPECT_THAT(chip->entry(kRoute0, 0), ::testing::ElementsAreArray(c.expected));
+  EXPECT_EQ(serializer->serve(), 3u);  // every queue
+  mine->waitForCmdIndex(
+      U64(mine->initFreeFromSerializer(kDev0, kRoute0, mask.empty() ? nullptr : mask.data(), 16)));
+  EXPECT_THAT(chip->entry(kRoute0, 0), ::testing::ElementsAreArray(expected));
   EXPECT_EQ(chip->owner(kRoute0, 0), Zorvek::kInvalidAgentId);
   EXPECT_THAT(chip->entry(kRoute0, 1), Each(0xEE));
   EXPECT_EQ(chip->owner(kRoute0, 1), kOtherAgent);
   EXPECT_THAT(chip->entry(kRoute1, 0), Each(0xDD));  // another instance: not named by the free
 }
 
-Entry maskedFree() {
-  Entry e = filled(0xFF);
-  e[0] = 0x00;
-  e[15] = 0x0F;
-  return e;
-}
-
-INSTANTIATE_TEST_SUITE_P(Masks, SimSerializerFreeTest,
-                         ::testing::Values(FreeCase{"WholeEntries", {}, filled(0)},
-                                           FreeCase{"MaskedBytes",
-                                                    {0xFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                                     0xF0},
-                                                    maskedFree()}),
-                         [](const auto& info) { return std::string(info.param.what); });
+INSTANTIATE_TEST_SUITE_P(
+    Masks, SimSerializerFreeTest,
+    ::testing::Values(FreeCase{std::vector<U8>{}, filled(0)},
+                      FreeCase{{0xFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xF0},
+                               {0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                0xFF, 0xFF, 0xFF, 0x0F}}));
 
 }  // namespace
 }  // namespace sim
