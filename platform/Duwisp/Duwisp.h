@@ -103,9 +103,11 @@ void record(const Kwisp::Descriptor& d, const A&... args) {
 
 }  // namespace Duwisp
 
+// A trace point binds its handle once, as its descriptor does: the test of a disabled level
+// is then a load and a bit test, with no call that would spill the caller's registers.
 #define DUWISP_TRACE(handle, level, format, ...)                                                   \
   do {                                                                                             \
-    const ::Kel::TraceHandle& duwispHandle_ = (handle);                                            \
+    static const ::Kel::TraceHandle& duwispHandle_ = (handle);                                     \
     if (duwispHandle_.anyEnabled(level)) [[unlikely]] {                                            \
       static const ::Kwisp::Descriptor duwispDescriptor_(duwispHandle_, level, __FILE__, __LINE__, \
                                                          __func__, format);                        \
@@ -116,7 +118,7 @@ void record(const Kwisp::Descriptor& d, const A&... args) {
 // A ring-only trace point: the Kwisp record, never the text trace.
 #define KWISP_TRACE(handle, level, format, ...)                                                  \
   do {                                                                                           \
-    const ::Kel::TraceHandle& kwispHandle_ = (handle);                                           \
+    static const ::Kel::TraceHandle& kwispHandle_ = (handle);                                    \
     if (kwispHandle_.ringEnabled(level)) [[unlikely]] {                                          \
       static const ::Kwisp::Descriptor kwispDescriptor_(kwispHandle_, level, __FILE__, __LINE__, \
                                                         __func__, format);                       \
