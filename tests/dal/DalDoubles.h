@@ -1,7 +1,7 @@
 // Test doubles shared by the DAL tests: a GoogleMock requester, a fake device helper with a
-// shadow of its own, a RequesterDal whose shadow hooks use that helper, an observer counting
-// ready changes, a capture of one trace handle's lines, an environment-variable guard and
-// the pattern of an assertion's text for death tests.
+// shadow of its own, a RequesterDal whose shadow hooks use that helper, a capture of one trace
+// handle's lines, an environment-variable guard, the pattern of an assertion's text for death
+// tests and a reader of state dumps.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -26,6 +26,7 @@ namespace Zorvek::doubles {
 using Lines = std::vector<std::pair<unsigned, std::string>>;
 
 constexpr PhysicalResourceId kTable{ResourceType::tableResource_, 0x41};
+constexpr PhysicalResourceId kNormalized{ResourceType::tableResource_, 0x40};
 constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x7};
 constexpr DeviceOffset kTableOffset = 0x1000;
 constexpr DeviceOffset kRegisterOffset = 0x2000;  // this offset and above: the register
@@ -34,35 +35,32 @@ constexpr PhysicalAddr kPhysAddr = 0xfeed0000;
 const std::vector<U8> kData = {1, 2, 3, 4, 5, 6, 7, 8};
 
 class MockRequester : public Requester {
+  using Mask = const TargetMask&;
+  using Rid = const PhysicalResourceId&;
+  using Addr = const PhysicalAddr&;
+
  public:
   MockRequester() : Requester("queue", 3, DalId(1), Kel::allocate<DalProcessingStatus>(DalId(1))) {}
-  MOCK_METHOD(S64, read, (DeviceId, const PhysicalResourceId&, DeviceOffset, void*, U32),
+  MOCK_METHOD(S64, read, (DeviceId, Rid, DeviceOffset, void*, U32), (override));
+  MOCK_METHOD(S64, write, (Mask, Rid, DeviceOffset, void*, const void*, U32, bool), (override));
+  MOCK_METHOD(S64, blockingWrite, (Mask, Rid, DeviceOffset, void*, const void*, U32, bool),
               (override));
-  MOCK_METHOD(S64, write,
-              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, void*, const void*, U32,
-               bool),
-              (override));
-  MOCK_METHOD(S64, blockingWrite,
-              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, void*, const void*, U32,
-               bool),
-              (override));
-  MOCK_METHOD(S64, bulkRead,
-              (DeviceId, const PhysicalResourceId&, DeviceOffset, const PhysicalAddr&, U32, U32),
-              (override));
-  MOCK_METHOD(S64, bulkWrite,
-              (const TargetMask&, const PhysicalResourceId&, DeviceOffset, const PhysicalAddr&,
-               const void*, U32, U32),
-              (override));
+  MOCK_METHOD(S64, bulkRead, (DeviceId, Rid, DeviceOffset, Addr, U32, U32), (override));
+  MOCK_METHOD(S64, bulkWrite, (Mask, Rid, DeviceOffset, Addr, const void*, U32, U32), (override));
   MOCK_METHOD(void, waitForCmdIndex, (U64), (override));
   using Requester::takeCmdIndex;
 };
 
-// One table below kRegisterOffset, one register from it on; the shadow maps an offset to the
-// bytes last written there.
+// One table below kRegisterOffset, normalised to kNormalized, one register from it on; the
+// shadow maps an offset to the bytes last written there.
 class FakeHelper : public DalHelper {
  public:
-  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
+  PhysicalResourceId resourceId(DeviceOffset offset, void* optArg) const override {
+    optArgs.push_back(optArg);
     return offset < kRegisterOffset ? kTable : kRegister;
+  }
+  PhysicalResourceId normalizedResourceId(const PhysicalResourceId& rid) const override {
+    return rid == kTable ? kNormalized : rid;
   }
   bool cacheable(DeviceId, const PhysicalResourceId&) const override {
     // Stands for a notification that switches the hardware off in the middle of an access.
@@ -93,6 +91,7 @@ class FakeHelper : public DalHelper {
   Dal* switchOffOnCacheable = nullptr;
   std::map<DeviceOffset, std::vector<U8>> shadow;
   mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
+  mutable std::vector<void*> optArgs;  // of every resource-id query
 };
 
 // Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
@@ -124,12 +123,6 @@ class ShadowDal : public RequesterDal {
   const void* maskHandedOut = nullptr;
 };
 
-class ReadyCounter : public Dal::NotifieeConst {
- public:
-  void onReady() override { ++count; }
-  int count = 0;
-};
-
 // Turns every text level of one trace handle (the requester DAL's by default) on for one
 // scope and captures its lines.
 class DalTrace : public Kel::TraceCapture {
@@ -151,27 +144,22 @@ class DalTrace : public Kel::TraceCapture {
   std::string handle_;
 };
 
-// Sets or clears one environment variable for one scope, then restores what was there.
+// Sets an environment variable to `value` (which may be empty) for one scope, or clears it
+// for a null `value`, then restores what was there.
 class ScopedEnv {
  public:
-  ScopedEnv(const char* name, bool set) : name_(name) {
-    if (const char* v = std::getenv(name_)) saved_ = v;
-    set ? setenv(name_, "1", 1) : unsetenv(name_);
-  }
-  // Sets the variable to `value`, which may be empty; a null `value` clears it.
-  ScopedEnv(const char* name, const char* value) : ScopedEnv(name, value != nullptr) {
-    if (value) setenv(name_, value, 1);
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) saved_ = old;
+    value ? setenv(name, value, 1) : unsetenv(name);
   }
   ~ScopedEnv() { saved_ ? setenv(name_, saved_->c_str(), 1) : unsetenv(name_); }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
   const char* name_;
   std::optional<std::string> saved_;
 };
 
-// `text` as an extended regular expression that matches it literally.
+// The death-test pattern of an assertion's text, matched literally.
 inline std::string literal(std::string_view text) {
   std::string out;
   for (char ch : text) {
@@ -180,7 +168,6 @@ inline std::string literal(std::string_view text) {
   }
   return out;
 }
-
 inline std::string assertion(std::string_view text) {
   return "Assertion failed: " + literal(text) + ", file";
 }

@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 #include <limits>
@@ -35,29 +34,20 @@ using ::testing::UnorderedElementsAre;
 constexpr AgentId kMe = 5;
 constexpr AgentId kOther = 7;
 // The helper normalises kTable (0x41) to kNorm: routes and owners are keyed by kNorm.
-constexpr PhysicalResourceId kNorm{ResourceType::tableResource_, 0x40};
+constexpr PhysicalResourceId kNorm = kNormalized;
 constexpr LogicalResourceId kMine{ResourceType::tableResource_, 1};
 constexpr LogicalResourceId kTheirs{ResourceType::tableResource_, 2};
 constexpr U32 kMaxBulk = maxBulkTransactionSizeInBytes();
 U8 optArgStorage;
 void* const kOptArg = &optArgStorage;  // any non-null optional argument
+const auto byName = [](const auto& info) { return std::string(info.param.name); };
 
 PhysicalResourceId table(U64 id) { return {ResourceType::tableResource_, id}; }
 const char* tf(bool b) { return b ? "True" : "False"; }
 
-class NormalizingHelper : public FakeHelper {
- public:
-  PhysicalResourceId resourceId(DeviceOffset offset, void* optArg) const override {
-    optArgs.push_back(optArg);
-    return FakeHelper::resourceId(offset, optArg);
-  }
-  PhysicalResourceId normalizedResourceId(const PhysicalResourceId& rid) const override {
-    return rid == kTable ? kNorm : rid;
-  }
-  mutable std::vector<void*> optArgs;  // of every resource-id query
-};
-
 // Logs "<name> <option>" for every option setter call and "<name> initLocalCache ...".
+#define NOTED(option) \
+  void option##Is(bool v) override { note(#option), ShadowDal::option##Is(v); }
 class MemberDal : public ShadowDal {
  public:
   MemberDal(Kel::Name name, std::vector<std::string>* log)
@@ -65,64 +55,41 @@ class MemberDal : public ShadowDal {
   StrictMock<MockRequester>& mock() const {
     return *static_cast<StrictMock<MockRequester>*>(requester().ptr());
   }
-  void hwAccessAllowedIs(bool v) override {
-    ShadowDal::hwAccessAllowedIs(noted("hwAccessAllowed", v));
-  }
-  void blockingIs(bool v) override { ShadowDal::blockingIs(noted("blocking", v)); }
-  void reclaimWhenProgrammedIs(bool v) override {
-    ShadowDal::reclaimWhenProgrammedIs(noted("reclaimWhenProgrammed", v));
-  }
-  void verifyEnabledIs(bool v) override { ShadowDal::verifyEnabledIs(noted("verifyEnabled", v)); }
-  void forceReadFromShadowIs(bool v) override {
-    ShadowDal::forceReadFromShadowIs(noted("forceReadFromShadow", v));
-  }
-  void okToReadFromShadowIs(bool v) override {
-    ShadowDal::okToReadFromShadowIs(noted("okToReadFromShadow", v));
-  }
-  void okToWriteToShadowIs(bool v) override {
-    ShadowDal::okToWriteToShadowIs(noted("okToWriteToShadow", v));
-  }
-  void skipHwWriteIfShadowHitIs(bool v) override {
-    ShadowDal::skipHwWriteIfShadowHitIs(noted("skipHwWriteIfShadowHit", v));
-  }
-  void helperIs(const Kel::Ptr<DalHelper>& h) override { ShadowDal::helperIs(noted("helper", h)); }
-  void initLocalCache(DeviceId devId, bool coldStart) override {
-    note("initLocalCache " + std::to_string(devId.value()) + " " + tf(coldStart));
+  NOTED(hwAccessAllowed)
+  NOTED(blocking)
+  NOTED(reclaimWhenProgrammed)
+  NOTED(verifyEnabled)
+  NOTED(forceReadFromShadow)
+  NOTED(okToReadFromShadow)
+  NOTED(okToWriteToShadow)
+  NOTED(skipHwWriteIfShadowHit)
+  void helperIs(const Kel::Ptr<DalHelper>& h) override { note("helper"), ShadowDal::helperIs(h); }
+  void initLocalCache(DeviceId devId, bool cold) override {
+    note("initLocalCache " + std::to_string(devId.value()) + " " + tf(cold));
   }
 
  private:
   void note(const std::string& what) { log_->push_back(name() + " " + what); }
-  template <class V>
-  const V& noted(const char* option, const V& value) {
-    note(option);
-    return value;
-  }
   std::vector<std::string>* log_;
 };
+#undef NOTED
 
 class DemuxDalTest : public ::testing::Test {
  public:
   void SetUp() override {
-    liveAtStart = Kel::TypeRegistry::liveEntities();
-    helper = Kel::allocate<NormalizingHelper>();
-    creator = demuxDalCreatorFactory(kMe, nullptr, "");
     creator->serializerInfoIs(SerializerId(1))->agentIdIs(kOther);
     creator->serializerInfoIs(SerializerId(2))->agentIdIs(kMe);
     creator->serializerIdMapIs(kTheirs, SerializerId(1));
     creator->serializerIdMapIs(kMine, SerializerId(2));
-    map = resourceIdToDalMapFactory();
-    statusCol = Kel::allocate<DalProcessingStatusCol>();
-    defaultDal = member("default", true);
   }
-  Kel::Ptr<MemberDal> member(const char* name, bool ready) {
+  Kel::Ptr<MemberDal> member(const std::string& name, bool ready) {
     auto d = Kel::allocate<MemberDal>(name, &log);
     d->readyIs(ready);
     return d;
   }
-  // Ready members "m1".."mn" under table ids 1..n.
-  void addMembers(int n) {
-    for (int i = 1; i <= n; ++i)
-      map->dalIs(table(i), member(("m" + std::to_string(i)).c_str(), true));
+  // Members "m1".."mn" under table ids 1..n.
+  void addMembers(int n, bool ready = true) {
+    for (int i = 1; i <= n; ++i) map->dalIs(table(i), member("m" + std::to_string(i), ready));
   }
   void build(bool withCreator = true) {
     demux = demuxDalFactory("demux", withCreator ? creator : nullptr, defaultDal, map, statusCol);
@@ -137,14 +104,14 @@ class DemuxDalTest : public ::testing::Test {
   }
 
   // Routing must not depend on the environment the tests run in.
-  const ScopedEnv localShadowAccess{"XP_FORCE_LOCAL_SHADOW_ACCESS", false};
-  std::int64_t liveAtStart = 0;
+  const ScopedEnv localShadowAccess{"XP_FORCE_LOCAL_SHADOW_ACCESS", nullptr};
+  const std::int64_t liveAtStart = Kel::TypeRegistry::liveEntities();
   std::vector<std::string> log;
-  Kel::Ptr<NormalizingHelper> helper;
-  Kel::Ptr<DemuxDalCreator> creator;
-  Kel::Ptr<ResourceIdToDalMap> map;
-  Kel::Ptr<DalProcessingStatusCol> statusCol;
-  Kel::Ptr<MemberDal> defaultDal;
+  Kel::Ptr<FakeHelper> helper = Kel::allocate<FakeHelper>();
+  Kel::Ptr<DemuxDalCreator> creator = demuxDalCreatorFactory(kMe, nullptr, "");
+  Kel::Ptr<ResourceIdToDalMap> map = resourceIdToDalMapFactory();
+  Kel::Ptr<DalProcessingStatusCol> statusCol = Kel::allocate<DalProcessingStatusCol>();
+  Kel::Ptr<MemberDal> defaultDal = member("default", true);
   Kel::Ptr<DemuxDal> demux;
 };
 
@@ -159,36 +126,28 @@ class MapRecorder : public ResourceIdToDalMap::NotifieeConst {
   int wholeMap = 0;
 };
 
-struct DalIsCase {
-  const char* name;
-  int before, value, after;  // 0: none, 1: DAL a, 2: DAL b
-  bool notifies;
-};
-
+// before, value, after: 0 none, 1 DAL a, 2 DAL b.
 class ResourceIdToDalMapTest : public DemuxDalTest,
-                               public ::testing::WithParamInterface<DalIsCase> {};
+                               public ::testing::WithParamInterface<std::tuple<int, int, int>> {};
 
-TEST_P(ResourceIdToDalMapTest, DalIsStoresReplacesOrRemoves) {
-  const DalIsCase& c = GetParam();
+TEST_P(ResourceIdToDalMapTest, DalIsStoresReplacesOrRemovesAndNotifiesChanges) {
+  const auto [before, value, after] = GetParam();
   const Kel::Ptr<RequesterDal> dals[] = {nullptr, member("a", true), member("b", true)};
-  if (c.before) map->dalIs(kNorm, dals[c.before]);
+  if (before) map->dalIs(kNorm, dals[before]);
   const auto recorder = Kel::allocate<MapRecorder>();
   recorder->notifierIs(Kel::Ptr<const ResourceIdToDalMap>(map));
-  map->dalIs(kNorm, dals[c.value]);
-  EXPECT_EQ(map->dal(kNorm), dals[c.after]);
-  EXPECT_EQ(map->size(), c.after ? 1u : 0u);
-  EXPECT_EQ(recorder->keys, c.notifies ? std::vector{kNorm} : std::vector<PhysicalResourceId>{});
-  EXPECT_EQ(dals[1]->references(), c.after == 1 ? 2 : 1);  // a replaced DAL is let go
+  map->dalIs(kNorm, dals[value]);
+  EXPECT_EQ(std::pair(map->dal(kNorm), map->size()),
+            std::pair(dals[after], std::size_t(after ? 1 : 0)));
+  EXPECT_EQ(recorder->keys,
+            before == after ? std::vector<PhysicalResourceId>{} : std::vector{kNorm});
+  EXPECT_EQ(dals[1]->references(), after == 1 ? 2 : 1);  // a replaced DAL is let go
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, ResourceIdToDalMapTest,
-                         ::testing::ValuesIn(std::vector<DalIsCase>{
-                             {"SameDalTwice", 1, 1, 1, false},
-                             {"NullRemovesPresentKey", 1, 0, 0, true},
-                             {"OtherDalReplaces", 1, 2, 2, true},
-                             {"NullForAbsentKey", 0, 0, 0, false},
-                             {"NewKeyInserts", 0, 1, 1, true}}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         ::testing::Values(std::tuple(1, 1, 1), std::tuple(1, 0, 0),
+                                           std::tuple(1, 2, 2), std::tuple(0, 0, 0),
+                                           std::tuple(0, 1, 1)));
 
 TEST_F(DemuxDalTest, MapDeletionsNotifyOncePerRemovedEntry) {
   addMembers(3);
@@ -216,29 +175,25 @@ TEST(CmdIndexTupleTest, TextFormRoundTripsAndStopsAfterClosing) {
   Kel::String::IteratorConst it = withTail.cbegin();
   EXPECT_EQ(CmdIndexTuple(it, withTail.cend()), t);
   EXPECT_EQ(it - withTail.cbegin(), static_cast<std::ptrdiff_t>(text.size()));
-  EXPECT_FALSE(CmdIndexTuple(1, 2) == CmdIndexTuple(1, 3));
-  EXPECT_FALSE(CmdIndexTuple(1, 2) == CmdIndexTuple(0, 2));
+  EXPECT_FALSE(CmdIndexTuple(1, 2) == CmdIndexTuple(1, 3) ||
+               CmdIndexTuple(1, 2) == CmdIndexTuple(0, 2));
 }
 
 class CmdIndexTupleParseTest : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(CmdIndexTupleParseTest, RejectsMalformedText) {
-  const Kel::String text(GetParam());
+  const Kel::String text = Kel::String("Value('Zorvek::CmdIndexTuple', ") + GetParam();
   Kel::String::IteratorConst it = text.cbegin();
   EXPECT_THROW((void)CmdIndexTuple(it, text.cend()), Kel::ParseError);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, CmdIndexTupleParseTest,
-    ::testing::Values(
-        "Value('Zorvek::CmdIndexTuple', ** {'endingCmdIndex': 2, 'startingCmdIndex': 1})",
-        "Value('Zorvek::CmdIndexTuple', **{'startingCmdIndex': 1, 'endingCmdIndex': 2})",
-        "Value('Zorvek::CmdIndexTuple', ** {'startingCmdIndex':1, 'endingCmdIndex': 2})",
-        "Value('Zorvek::CmdIndexTuple', ** {'startingCmdIndex': 1,  'endingCmdIndex': 2})",
-        "Value('Zorvek::CmdIndexTuple', ** {'startingCmdIndex': 1, 'endingCmdIndex': 2}",
-        "Value('Zorvek::CmdIndexTuple', ** {'startingCmdIndex': 1, 'endingCmdIndex': 2",
-        "Value('Zorvek::CmdIndexTuple', ** {'startingCmdIndex': 18446744073709551616, "
-        "'endingCmdIndex': 2})"));
+// Swapped fields, a missing blank, a missing closing and a number out of range.
+INSTANTIATE_TEST_SUITE_P(Texts, CmdIndexTupleParseTest,
+                         ::testing::Values("** {'endingCmdIndex': 2, 'startingCmdIndex': 1})",
+                                           "** {'startingCmdIndex':1, 'endingCmdIndex': 2})",
+                                           "** {'startingCmdIndex': 1, 'endingCmdIndex': 2}",
+                                           "** {'startingCmdIndex': 18446744073709551616, "
+                                           "'endingCmdIndex': 2})"));
 
 TEST_F(DemuxDalTest, TrackingTurnsSnapshotIntoEnqueuedRanges) {
   build();
@@ -264,8 +219,8 @@ TEST_F(DemuxDalTest, TrackingTurnsSnapshotIntoEnqueuedRanges) {
 // ---------------------------------------------------------------------------------------
 // Routing
 
-enum class Owner { me, other, unknown };
-enum class Pick { defaultDal, member, mismatch, noCreator };
+enum Owner { me, other, unknown };
+enum Pick { toDefault, toMember, aborts, noCreator };
 
 struct SelectorCase {
   const char* name;
@@ -282,44 +237,30 @@ TEST_P(DemuxDalDeathTest, DalSelectorFollowsDecisionTable) {
   const SelectorCase& c = GetParam();
   const auto routed = member("routed", true);
   if (c.mapped) map->dalIs(kNorm, routed);
-  if (c.owner != Owner::unknown)
-    creator->physicalToLogicalResourceMapIs(kNorm, c.owner == Owner::me ? kMine : kTheirs);
+  if (c.owner != unknown)
+    creator->physicalToLogicalResourceMapIs(kNorm, c.owner == me ? kMine : kTheirs);
   build(c.creator);
   if (c.forceDefault) demux->attributeIs("forceUseDefaultDal", "True");
   demux->resourceOwnershipCheckEnabledIs(c.check);
   demux->forceReadFromShadowIs(c.forceRead);
-  const ScopedEnv env("XP_FORCE_LOCAL_SHADOW_ACCESS", c.forceLocalEnv);
-  void* optArg = c.optArg ? kOptArg : nullptr;
-  const auto select = [&] { return demux->dalSelector(kTableOffset, optArg); };
-  const AgentId owner = c.owner == Owner::me ? kMe : c.owner == Owner::other ? kOther : 0xFFFF;
-  const bool ownedByMe = c.forceLocalEnv || c.owner != Owner::other;
-  const std::string mismatch = "Resource type 1 id 65 is owned by agent " + std::to_string(owner) +
-                               " and not by agent 5 extDal " + tf(c.mapped) +
-                               " resourceOwnedByMe " + tf(ownedByMe) + "\n";
-  switch (c.pick) {
-    case Pick::defaultDal:
-      EXPECT_EQ(select().ptr(), defaultDal.ptr());
-      break;
-    case Pick::member:
-      EXPECT_EQ(select().ptr(), routed.ptr());
-      break;
-    case Pick::noCreator:
-      EXPECT_DEATH(select(), assertion("demuxDalCreator()"));
-      break;
-    case Pick::mismatch:
-      EXPECT_DEATH(
-          {
-            Kel::traceFileIs("");
-            Kel::traceLevelsIs("ZorvekDemuxDal/0");
-            select();
-          },
-          literal(mismatch) +
-              assertion("( (extDal && !resourceOwnedByMe) || (!extDal && resourceOwnedByMe) )"));
+  const ScopedEnv env("XP_FORCE_LOCAL_SHADOW_ACCESS", c.forceLocalEnv ? "" : nullptr);
+  const auto select = [&] {
+    return demux->dalSelector(kTableOffset, c.optArg ? kOptArg : nullptr);
+  };
+  if (c.pick == noCreator) {
+    EXPECT_DEATH(select(), assertion("demuxDalCreator()"));
+  } else if (c.pick == aborts) {
+    const AgentId owner = c.owner == me ? kMe : c.owner == other ? kOther : 0xFFFF;
+    const std::string trace = "Resource type 1 id 65 is owned by agent " + std::to_string(owner) +
+                              " and not by agent 5 extDal " + tf(c.mapped) + " resourceOwnedByMe " +
+                              tf(c.forceLocalEnv || c.owner != other) + "\n";
+    EXPECT_DEATH((Kel::traceFileIs(""), Kel::traceLevelsIs("ZorvekDemuxDal/0"), select()),
+                 literal(trace) + assertion("( (extDal && !resourceOwnedByMe) || "
+                                            "(!extDal && resourceOwnedByMe) )"));
+  } else {
+    EXPECT_EQ(select().ptr(), (c.pick == toMember ? routed : defaultDal).ptr());
   }
 }
-
-constexpr Owner me = Owner::me, other = Owner::other, unknown = Owner::unknown;
-constexpr Pick toDefault = Pick::defaultDal, toMember = Pick::member, aborts = Pick::mismatch;
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Rows, DemuxDalDeathTest, ::testing::ValuesIn(std::vector<SelectorCase>{
@@ -340,11 +281,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, DemuxDalDeathTest, ::testing::ValuesIn(std::vecto
     {"LocalEnvMakesTheirsMineMapped",  1, 0, 1, 1, other,   1, 0, 1, aborts},
     {"LocalEnvTheirsUnmapped",         1, 0, 1, 1, other,   0, 0, 1, toDefault},
     {"LocalEnvForceReadMapped",        1, 0, 1, 1, other,   1, 1, 1, toMember},
-    {"CheckOnWithoutCreatorAborts",    1, 0, 1, 0, other,   1, 0, 0, Pick::noCreator}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    {"CheckOnWithoutCreatorAborts",    1, 0, 1, 0, other,   1, 0, 0, noCreator}}), byName);
 // clang-format on
 
-TEST_F(DemuxDalDeathTest, BulkAboveLimitAbortsBeforeAnyDalIsChosen) {
+TEST_F(DemuxDalDeathTest, BulkAboveLimitAndTrackingWithoutStatusCollectionAbort) {
+  statusCol = nullptr;
   build(false);  // choosing a DAL would abort on the missing creator instead
   std::vector<U8> buffer(kMaxBulk + 1);
   const std::string tooLarge = assertion("size <= maxBulkTransactionSizeInBytes()");
@@ -352,11 +293,7 @@ TEST_F(DemuxDalDeathTest, BulkAboveLimitAbortsBeforeAnyDalIsChosen) {
   EXPECT_DEATH(
       demux->dalBulkWrite(oneDeviceMask(0), kTableOffset, kMaxBulk + 1, buffer.data(), kOptArg),
       tooLarge);
-}
-
-TEST_F(DemuxDalDeathTest, WithoutStatusCollectionOnlyTrackingStartAborts) {
-  statusCol = nullptr;
-  build();
+  // Only the start of tracking needs the collection; collecting without one does nothing.
   const auto status = Kel::allocate<EnqueuedCmdStatus>();
   status->enqueuedCmdIndexIs(DalId(1), CmdIndexTuple(10, 0));
   demux->enqueuedCmdStatuses(status);
@@ -364,21 +301,7 @@ TEST_F(DemuxDalDeathTest, WithoutStatusCollectionOnlyTrackingStartAborts) {
   EXPECT_DEATH(demux->startTrackingCmdStatus(status), assertion("pStatusCol"));
 }
 
-enum class Access { read, write, bulkRead, bulkWrite };
-
-struct ForwardCase {
-  const char* name;
-  Access access;
-  U32 size;
-  S64 index;  // what the member's requester answers
-  S32 result;
-};
-
-class DemuxDalForwardTest : public DemuxDalTest,
-                            public ::testing::WithParamInterface<ForwardCase> {};
-
-TEST_P(DemuxDalForwardTest, AccessReachesRoutedDalUnchanged) {
-  const ForwardCase& c = GetParam();
+TEST_F(DemuxDalTest, AccessesReachTheRoutedDalUnchanged) {
   const auto theirs = member("theirs", true);
   map->dalIs(kNorm, theirs);
   creator->physicalToLogicalResourceMapIs(kNorm, kTheirs);
@@ -387,46 +310,28 @@ TEST_P(DemuxDalForwardTest, AccessReachesRoutedDalUnchanged) {
   std::vector<U8> buffer(kMaxBulk);
   void* data = buffer.data();
   StrictMock<MockRequester>& req = theirs->mock();
-  S32 result = 0;
-  switch (c.access) {
-    case Access::read:
-      EXPECT_CALL(req, read(DeviceId(3), kTable, kTableOffset, data, c.size))
-          .WillOnce(Return(c.index));
-      result = demux->dalRead(3, kTableOffset, static_cast<U16>(c.size), data, kOptArg);
-      break;
-    case Access::write:
-      EXPECT_CALL(req, write(oneDeviceMask(0), kTable, kTableOffset, data, IsNull(), c.size, false))
-          .WillOnce(Return(c.index));
-      result =
-          demux->dalWrite(oneDeviceMask(0), kTableOffset, static_cast<U16>(c.size), data, kOptArg);
-      break;
-    case Access::bulkRead:
-      EXPECT_CALL(req,
-                  bulkRead(DeviceId(3), kTable, kTableOffset, kPhysAddr, kEntry, c.size / kEntry))
-          .WillOnce(Return(c.index));
-      result = demux->dalBulkRead(3, kTableOffset, c.size, data, kOptArg);
-      break;
-    case Access::bulkWrite:
-      EXPECT_CALL(req, bulkWrite(oneDeviceMask(0), kTable, kTableOffset, kPhysAddr, IsNull(),
-                                 kEntry, c.size / kEntry))
-          .WillOnce(Return(c.index));
-      result = demux->dalBulkWrite(oneDeviceMask(0), kTableOffset, c.size, data, kOptArg);
+  EXPECT_CALL(req, read(DeviceId(3), kTable, kTableOffset, data, kEntry))
+      .WillOnce(Return(9))
+      .WillOnce(Return(-1));
+  EXPECT_CALL(req, write(oneDeviceMask(0), kTable, kTableOffset, data, IsNull(), kEntry, false))
+      .WillOnce(Return(9));
+  // A bulk access of exactly the limit passes.
+  for (const auto& [entries, index] : {std::pair(kMaxBulk / kEntry, 9), {2u, -1}}) {
+    EXPECT_CALL(req, bulkRead(DeviceId(3), kTable, kTableOffset, kPhysAddr, kEntry, entries))
+        .WillOnce(Return(index));
+    EXPECT_CALL(req, bulkWrite(oneDeviceMask(0), kTable, kTableOffset, kPhysAddr, IsNull(), kEntry,
+                               entries))
+        .WillOnce(Return(index));
   }
-  EXPECT_EQ(result, c.result);
+  EXPECT_EQ(demux->dalRead(3, kTableOffset, kEntry, data, kOptArg), 0);
+  EXPECT_EQ(demux->dalRead(3, kTableOffset, kEntry, data, kOptArg), -1);
+  EXPECT_EQ(demux->dalWrite(oneDeviceMask(0), kTableOffset, kEntry, data, kOptArg), 0);
+  for (const auto& [size, result] : {std::pair(kMaxBulk, 0), {2u * kEntry, -1}}) {
+    EXPECT_EQ(demux->dalBulkRead(3, kTableOffset, size, data, kOptArg), result);
+    EXPECT_EQ(demux->dalBulkWrite(oneDeviceMask(0), kTableOffset, size, data, kOptArg), result);
+  }
   EXPECT_THAT(helper->optArgs, Each(kOptArg));
 }
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Accesses, DemuxDalForwardTest, ::testing::ValuesIn(std::vector<ForwardCase>{
-    {"Read",             Access::read,      kEntry,     9,  0},
-    {"ReadFails",        Access::read,      kEntry,     -1, -1},
-    {"Write",            Access::write,     kEntry,     9,  0},
-    {"BulkReadAtLimit",  Access::bulkRead,  kMaxBulk,   9,  0},
-    {"BulkReadFails",    Access::bulkRead,  2 * kEntry, -1, -1},
-    {"BulkWriteAtLimit", Access::bulkWrite, kMaxBulk,   9,  0},
-    {"BulkWriteFails",   Access::bulkWrite, 2 * kEntry, -1, -1}}),
-    [](const auto& info) { return std::string(info.param.name); });
-// clang-format on
 
 TEST_F(DemuxDalTest, WaitsReachReadyMembersWithHardwareThenDefault) {
   const auto ready = member("ready", true), notReady = member("notReady", false),
@@ -463,7 +368,7 @@ TEST_F(DemuxDalTest, FanOutsReachTheirDals) {
   EXPECT_EQ(
       std::pair(defaultDal->coprocessorChecker(), defaultDal->requester()->coprocessorChecker()),
       std::pair(checker, checker));
-  const auto other = Kel::allocate<NormalizingHelper>();
+  const auto other = Kel::allocate<FakeHelper>();
   demux->helperIs(other);
   EXPECT_THAT(trace.lines(), IsEmpty());
   EXPECT_EQ(defaultDal->helper(), other);
@@ -476,6 +381,23 @@ TEST_F(DemuxDalTest, FanOutsReachTheirDals) {
 // ---------------------------------------------------------------------------------------
 // Option propagation
 
+// When notified, checks that the default DAL and every member already carry the new value.
+class MembersAlreadyChanged : public Dal::NotifieeConst {
+ public:
+  void onHwAccessAllowed() override { seen.push_back(allCarry(&Dal::hwAccessAllowed)); }
+  void onReclaimWhenProgrammed() override { seen.push_back(allCarry(&Dal::reclaimWhenProgrammed)); }
+  std::vector<bool> seen;
+
+ private:
+  bool allCarry(bool (Dal::*get)() const) const {
+    const auto& demux = static_cast<const DemuxDal&>(*notifier().ptr());
+    bool all = (*demux.defaultDal().*get)() == (demux.*get)();
+    for (const auto& [rid, d] : *demux.resourceIdToDalMap())
+      all = all && ((*d).*get)() == (demux.*get)();
+    return all;
+  }
+};
+
 struct OptionCase {
   const char* name;
   void (Dal::*set)(bool);
@@ -485,12 +407,14 @@ struct OptionCase {
 
 class DemuxDalOptionTest : public DemuxDalTest, public ::testing::WithParamInterface<OptionCase> {};
 
-TEST_P(DemuxDalOptionTest, ChangeReachesDefaultThenEveryMember) {
+TEST_P(DemuxDalOptionTest, ChangeReachesDefaultThenEveryMemberBeforeObservers) {
   const OptionCase& c = GetParam();
   addMembers(3);
   build();
   Dal& d = *demux;
   const bool current = (d.*c.get)();
+  const auto observer = Kel::allocate<MembersAlreadyChanged>();
+  observer->notifierIs(Kel::Ptr<const Dal>(demux));
   DalTrace trace("ZorvekDemuxDal");
   (d.*c.set)(current);
   EXPECT_THAT(log, IsEmpty());
@@ -505,6 +429,9 @@ TEST_P(DemuxDalOptionTest, ChangeReachesDefaultThenEveryMember) {
     EXPECT_THAT(trace.lines(), ElementsAre(Pair(7, c.trace)));
   else
     EXPECT_THAT(trace.lines(), IsEmpty());
+  // Of these options only two notify, and only once every member carries the change.
+  const bool notifies = c.set == &Dal::hwAccessAllowedIs || c.set == &Dal::reclaimWhenProgrammedIs;
+  EXPECT_EQ(observer->seen, notifies ? std::vector{true} : std::vector<bool>{});
 }
 
 #define OPTION(x) #x, &Dal::x##Is, &Dal::x
@@ -530,144 +457,84 @@ INSTANTIATE_TEST_SUITE_P(Options, DemuxDalOptionTest, ::testing::ValuesIn(std::v
      "reclaimWhenProgrammed True"},
     {OPTION(skipHwWriteIfShadowHit),
      "DemuxDal::handleSkipHwWriteIfShadowHit demux skipHwWriteIfShadowHit True"},
-    {OPTION(verifyEnabled), nullptr}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    {OPTION(verifyEnabled), nullptr}}), byName);
 // clang-format on
 #undef OPTION
-
-// When notified, checks that the default DAL and every member already carry the new value.
-class MembersAlreadyChanged : public Dal::NotifieeConst {
- public:
-  void onHwAccessAllowed() override { seen.push_back(allCarry(&Dal::hwAccessAllowed)); }
-  void onReclaimWhenProgrammed() override { seen.push_back(allCarry(&Dal::reclaimWhenProgrammed)); }
-  std::vector<bool> seen;
-
- private:
-  bool allCarry(bool (Dal::*get)() const) const {
-    const auto& demux = static_cast<const DemuxDal&>(*notifier().ptr());
-    bool all = (*demux.defaultDal().*get)() == (demux.*get)();
-    for (const auto& [rid, d] : *demux.resourceIdToDalMap())
-      all = all && ((*d).*get)() == (demux.*get)();
-    return all;
-  }
-};
-
-TEST_F(DemuxDalTest, ObserversFindEveryMemberAlreadyChanged) {
-  addMembers(3);
-  build();
-  const auto observer = Kel::allocate<MembersAlreadyChanged>();
-  observer->notifierIs(Kel::Ptr<const Dal>(demux));
-  demux->hwAccessAllowedIs(false);
-  demux->reclaimWhenProgrammedIs(true);
-  EXPECT_THAT(observer->seen, ElementsAre(true, true));
-}
 
 // ---------------------------------------------------------------------------------------
 // Readiness
 
-TEST_F(DemuxDalTest, ReadyDefaultAloneMakesParentReady) {
-  build();
-  EXPECT_TRUE(demux->ready());  // empty map
-  const auto parent = member("parent", false);
-  const auto sm = DemuxDal::DemuxDalReadySm::DemuxDalReadySmIs(defaultDal, nullptr, parent.ptr());
-  EXPECT_TRUE(parent->ready());  // no map at all
-}
-
-TEST_F(DemuxDalTest, DefaultNotReadyLeavesParentAsItIs) {
-  const auto m = member("m", true);
+// The default DAL can make the parent ready but never clears it; a member added not ready
+// clears it at once, while a removal waits for the next change to be taken in.
+TEST_F(DemuxDalTest, ReadyFollowsTheDefaultDalAndEveryMember) {
+  const auto m = member("m", true), late = member("late", false), later = member("later", false);
   map->dalIs(kNorm, m);
   defaultDal->readyIs(false);
   build();
-  EXPECT_FALSE(demux->ready());
-  defaultDal->readyIs(true);
-  EXPECT_TRUE(demux->ready());
-  defaultDal->readyIs(false);
-  m->readyIs(false);
-  EXPECT_TRUE(demux->ready());  // neither the default DAL nor a member clears it now
-  defaultDal->readyIs(true);
-  EXPECT_FALSE(demux->ready());
-}
-
-TEST_F(DemuxDalTest, AddedMemberClearsReadyAtOnceAndRemovalWaitsForAChange) {
-  build();
-  const auto recheck =
-      std::vector<std::function<void()>>{[&] { map->dalIs(table(9), member("another", true)); },
-                                         [&] {
-                                           defaultDal->readyIs(false);
-                                           defaultDal->readyIs(true);
-                                         }};
-  for (const auto& change : recheck) {
-    const auto late = member("late", false);
-    map->dalIs(kNorm, late);
-    EXPECT_FALSE(demux->ready());
-    map->dalDel(kNorm);
-    late->readyIs(true);  // no longer watched
-    EXPECT_FALSE(demux->ready());
-    change();
-    EXPECT_TRUE(demux->ready());
+  // clang-format off
+  const std::vector<std::pair<std::function<void()>, bool>> steps = {
+    {[] {}, false},
+    {[&] { defaultDal->readyIs(true); }, true},
+    {[&] { defaultDal->readyIs(false), m->readyIs(false); }, true},
+    {[&] { defaultDal->readyIs(true); }, false},
+    {[&] { m->readyIs(true); }, true},
+    {[&] { map->dalIs(table(8), late); }, false},
+    {[&] { map->dalDel(table(8)), late->readyIs(true); }, false},  // no longer watched
+    {[&] { map->dalIs(table(9), member("another", true)); }, true},
+    {[&] { map->dalIs(table(8), later), map->dalDel(table(8)); }, false},
+    {[&] { defaultDal->readyIs(false), defaultDal->readyIs(true); }, true}};
+  // clang-format on
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    steps[i].first();
+    EXPECT_EQ(demux->ready(), steps[i].second) << "step " << i;
   }
+  // Without a map to watch, a ready default DAL alone makes the parent ready.
+  const auto parent = member("parent", false);
+  const auto sm = DemuxDal::DemuxDalReadySm::DemuxDalReadySmIs(defaultDal, nullptr, parent.ptr());
+  EXPECT_TRUE(parent->ready());
 }
 
-TEST_F(DemuxDalTest, ReadinessTracesStopAtFirstMemberNotReady) {
-  map->dalIs(table(1), member("m1", false));
-  map->dalIs(table(2), member("m2", false));
-  map->dalIs(table(3), member("m3", false));
-  build();
-  const auto first = *map->begin(), second = *std::next(map->begin());
-  first.second->readyIs(true);
-  const auto text = [](const auto& entry, const char* state) {
-    return "DAL for Table " + std::to_string(entry.first.id()) + " " + entry.second->name() + state;
-  };
-  DalTrace trace("ZorvekDemuxDal");
-  demux->demuxDalReadySm()->handleDalReady();
-  EXPECT_THAT(trace.lines(), ElementsAre(Pair(8, "DemuxDal::DemuxDalReadySm::handleDalReady demux"),
-                                         Pair(8, text(first, " is ready now")),
-                                         Pair(8, text(second, " not ready yet"))));
-  trace.clear();
-  defaultDal->readyIs(false);
-  EXPECT_THAT(trace.lines(), ElementsAre(Pair(8, "DemuxDal::DemuxDalReadySm::handleDalReady demux"),
-                                         Pair(6, "default DAL default not ready yet")));
-}
-
-// ---------------------------------------------------------------------------------------
-// Traces, state dump and teardown
-
-TEST_F(DemuxDalTest, TracesNameEachStep) {
+TEST_F(DemuxDalTest, TracesNameEachStepAndStopAtFirstMemberNotReady) {
   DalTrace trace("ZorvekDemuxDal");
   build();
+  const auto handled = Pair(8, "DemuxDal::DemuxDalReadySm::handleDalReady demux");
   EXPECT_THAT(trace.lines(), ElementsAre(Pair(8, "handleInitialized"), Pair(8, "handleInitialized"),
-                                         Pair(8, "DemuxDal::DemuxDalReadySm::handleDalReady demux"),
-                                         Pair(8, "All DALs in demux DAL are ready")));
+                                         handled, Pair(8, "All DALs in demux DAL are ready")));
+  EXPECT_TRUE(demux->ready());  // an empty map
   trace.clear();
   demux->dalSelector(kTableOffset, nullptr);
   demux->attributeIs("forceUseDefaultDal", "True");
   demux->dalSelector(kTableOffset, kOptArg);
   EXPECT_THAT(trace.lines(), ElementsAre(Pair(8, "Resource type 1 id 0x41 forceDefaultDal False"),
                                          Pair(8, "Resource type 1 id 0x41 forceDefaultDal True")));
+  addMembers(3, false);
+  const auto first = *map->begin(), second = *std::next(map->begin());
+  first.second->readyIs(true);
+  const auto text = [](const auto& entry, const char* state) {
+    return "DAL for Table " + std::to_string(entry.first.id()) + " " + entry.second->name() + state;
+  };
+  trace.clear();
+  demux->demuxDalReadySm()->handleDalReady();
+  EXPECT_THAT(trace.lines(), ElementsAre(handled, Pair(8, text(first, " is ready now")),
+                                         Pair(8, text(second, " not ready yet"))));
+  trace.clear();
+  defaultDal->readyIs(false);
+  EXPECT_THAT(trace.lines(), ElementsAre(handled, Pair(6, "default DAL default not ready yet")));
 }
 
-// Everything `write` puts on a descriptor, read back from a pipe.
-std::string dumped(const std::function<void(U32)>& write) {
-  int fds[2];
-  EXPECT_EQ(pipe(fds), 0);
-  write(static_cast<U32>(fds[1]));
-  close(fds[1]);
-  std::string out;
-  char chunk[4096];
-  for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;) out.append(chunk, n);
-  close(fds[0]);
-  return out;
-}
+// ---------------------------------------------------------------------------------------
+// State dump and teardown
 
 TEST_F(DemuxDalTest, StateDumpFramesEveryDal) {
   build();
   const auto own = [](const Kel::Ptr<RequesterDal>& d) {
-    return dumped([&](U32 fd) { d->showDalState(fd); });
+    return dumpOf([&](U32 fd) { d->showDalState(fd); });
   };
-  const std::string head = dumped([&](U32 fd) { demux->Dal::showDalState(fd); }) +
+  const std::string head = dumpOf([&](U32 fd) { demux->Dal::showDalState(fd); }) +
                            "'defaultDalState': {" + own(defaultDal) + "},'remoteDals': {";
-  const auto whole = [&] { return dumped([&](U32 fd) { demux->showDemuxDalState(fd); }); };
+  const auto whole = [&] { return dumpOf([&](U32 fd) { demux->showDemuxDalState(fd); }); };
   EXPECT_EQ(whole(), head + "},");
+  // Two ids that differ only in their type print the same key, in the map's order.
   map->dalIs(table(21), member("table21", true));
   map->dalIs({ResourceType::registerResource_, 21}, member("register21", true));
   std::string members;
@@ -685,8 +552,7 @@ TEST_F(DemuxDalTest, TornDownDemuxDalFreesEveryEntity) {
   demux = nullptr;
   map = nullptr;
   survivor->readyIs(true);  // outlives the DemuxDal that watched it
-  survivor = nullptr;
-  defaultDal = nullptr;
+  survivor = defaultDal = nullptr;
   creator = nullptr;
   statusCol = nullptr;
   helper = nullptr;
