@@ -5,16 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Corvane/CoprocessorStatus.h"
 #include "Kel/Dir.h"
-#include "Kel/Trace.h"
 #include "Orv/WatchList.h"
 #include "Skorra/Database.h"
 #include "Skorra/MountGroup.h"
@@ -24,18 +21,23 @@
 #include "Zorvek/RequesterDalRemote.h"
 #include "Zorvek/RequesterDalSchan.h"
 #include "Zorvek/SchanRequester.h"
+#include "dal/DalDoubles.h"
 
 namespace Zorvek {
 namespace {
 
+using doubles::assertion;
+using doubles::ScopedEnv;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
+using ::testing::Key;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
 constexpr AgentId kMe = 1;
 constexpr const char* kLogPath = "platform/coprocessor/log";
 constexpr const char* kWatchListPath = "platform/debug/watchlist";
+const auto byName = [](const auto& info) { return std::string(info.param.name); };
 
 PhysicalResourceId table(U64 id) { return {ResourceType::tableResource_, id}; }
 LogicalResourceId logical(U64 id) { return {ResourceType::tableResource_, id}; }
@@ -46,39 +48,6 @@ RequesterDataMask maskedL2() {
   mask.maskByteIs(1, 0x0f);
   return mask;
 }
-
-// Sets (or, for null, unsets) an environment variable for one scope, then restores it.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
-// Every text level of the creator's trace handle, captured for one scope.
-class CreatorTrace {
- public:
-  CreatorTrace() {
-    if (const Kel::TraceHandle* h = Kel::traceHandle(kHandle)) saved_ = h->levels();
-    Kel::traceLevelsIs(std::string(kHandle) + "/0-9");
-  }
-  ~CreatorTrace() { Kel::traceHandle(kHandle)->levelsIs(saved_); }
-  long count(const std::string& message) const {
-    const auto messages = capture_.messages(kHandle);
-    return std::count(messages.begin(), messages.end(), message);
-  }
-
- private:
-  static constexpr const char* kHandle = "ZorvekDemuxDalCreator";
-  std::uint32_t saved_ = 0;
-  Kel::TraceCapture capture_;
-};
 
 // Agent 1 ("fwd") reaches two serializers: l2ser (1, agent 2) owns logical 0x100 (tables 0x10
 // and 0x11, masked) and 0x101 (table 0x40, unmasked); aclser (2, agent 3) owns 0x200 (table
@@ -92,7 +61,6 @@ class DemuxDalCreatorAssemblyTest : public ::testing::Test {
     db->entityIs(kWatchListPath, watchList);
     fill(remote, "");
   }
-
   void fill(const Kel::Ptr<const LogicalRemoteResourceIdCol>& resources, const char* logPath) {
     creator = demuxDalCreatorFactory(kMe, resources, logPath);
     creator->requesterNameIs(kMe, "fwd");
@@ -100,7 +68,6 @@ class DemuxDalCreatorAssemblyTest : public ::testing::Test {
     describe(2, 3, "aclser", {{0x200, {0x30}}});
     describe(3, kMe, "fwdser", {});
   }
-
   void describe(U16 sid, AgentId agent, const std::string& name,
                 const std::vector<std::pair<U64, std::vector<U64>>>& resources) {
     auto info = creator->serializerInfoIs(SerializerId(sid));
@@ -116,7 +83,6 @@ class DemuxDalCreatorAssemblyTest : public ::testing::Test {
       creator->physicalRemoteResourcesIs(logical(lid), col);
     }
   }
-
   // What the hosting agent does before it asks for its DAL.
   void mount() {
     creator->doMounts(group);
@@ -145,14 +111,12 @@ const Skorra::Mount kWatchListMount(kWatchListPath, "Orv::WatchList", "ri");
 const Skorra::Mount kLogMount(kLogPath, "Corvane::CoprocessorStatusAttrLog", "r");
 // Another agent's serializer: its configuration written (the queue lives there), its status
 // read; l2ser twice, once per logical resource it owns.
-const std::vector<Skorra::Mount> kRemoteDirs = {
-    dir("ser/l2ser/config", "wi"), dir("ser/l2ser/status", "ri"),  dir("ser/l2ser/config", "wi"),
-    dir("ser/l2ser/status", "ri"), dir("ser/aclser/config", "wi"), dir("ser/aclser/status", "ri")};
-
-std::vector<Skorra::Mount> cat(std::vector<Skorra::Mount> a, const std::vector<Skorra::Mount>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
+// clang-format off
+const std::vector<Skorra::Mount> kRemoteDirs = {kWatchListMount,
+    dir("ser/l2ser/config", "wi"),  dir("ser/l2ser/status", "ri"),
+    dir("ser/l2ser/config", "wi"),  dir("ser/l2ser/status", "ri"),
+    dir("ser/aclser/config", "wi"), dir("ser/aclser/status", "ri")};
+// clang-format on
 
 struct MountCase {
   const char* name;
@@ -160,8 +124,6 @@ struct MountCase {
   const char* logPath;
   std::vector<Skorra::Mount> expected;
 };
-void PrintTo(const MountCase& c, std::ostream* os) { *os << c.name; }
-
 class DemuxDalCreatorMountTest : public DemuxDalCreatorAssemblyTest,
                                  public ::testing::WithParamInterface<MountCase> {};
 
@@ -173,24 +135,22 @@ TEST_P(DemuxDalCreatorMountTest, RequestsTheExpectedMountsInOrder) {
   creator->simulationSerializerIdIs(SerializerId(2));
   creator->doMounts(group);
   EXPECT_EQ(creator->mountGroup(), group.ptr());
-  EXPECT_THAT(group->mounts(), ElementsAreArray(c.expected));
+  std::vector<Skorra::Mount> expected = c.expected;
+  if (c.remoteResources) expected.insert(expected.end(), kRemoteDirs.begin(), kRemoteDirs.end());
+  EXPECT_THAT(group->mounts(), ElementsAreArray(expected));
 }
 
 // As a serializer the agent reads its configuration and writes its status; the simulation
 // serializer is mounted as a remote one.
-const std::vector<Skorra::Mount> kEverything = cat(
-    {dir("ser/fwdser/config", "ri"), dir("ser/fwdser/status", "wi"), dir("ser/aclser/config", "wi"),
-     dir("ser/aclser/status", "ri"), kLogMount, kWatchListMount},
-    kRemoteDirs);
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DemuxDalCreatorMountTest,
-    ::testing::Values(
-        MountCase{"Everything", true, true, true, kLogPath, kEverything},
-        MountCase{"WatchListOnly", false, false, false, "", {kWatchListMount}},
-        MountCase{"LogAndWatchList", false, false, false, kLogPath, {kLogMount, kWatchListMount}},
-        MountCase{"SimulationOff", true, false, false, "", cat({kWatchListMount}, kRemoteDirs)}),
-    [](const auto& info) { return std::string(info.param.name); });
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Cases, DemuxDalCreatorMountTest, ::testing::Values(
+    MountCase{"Everything", true, true, true, kLogPath,
+              {dir("ser/fwdser/config", "ri"), dir("ser/fwdser/status", "wi"),
+               dir("ser/aclser/config", "wi"), dir("ser/aclser/status", "ri"), kLogMount}},
+    MountCase{"WatchListOnly", false, false, false, "", {kWatchListMount}},
+    MountCase{"LogAndWatchList", false, false, false, kLogPath, {kLogMount, kWatchListMount}},
+    MountCase{"SimulationOff", true, false, false, "", {}}), byName);
+// clang-format on
 
 // ---------------------------------------------------------------------------------------
 // createRequester
@@ -211,57 +171,34 @@ class QueuePublished : public Kel::Dir::NotifieeConst {
   Kel::Ptr<const DemuxDalCreator> creator_;
 };
 
-struct RequesterCase {
-  const char* serializerName;
-  const char* queueName;
-  const char* kickName;
-  bool trackErrors;
-};
-void PrintTo(const RequesterCase& c, std::ostream* os) { *os << c.queueName; }
-
-class DemuxDalCreatorRequesterTest : public DemuxDalCreatorAssemblyTest,
-                                     public ::testing::WithParamInterface<RequesterCase> {};
-
-TEST_P(DemuxDalCreatorRequesterTest, MakesNamedQueuesWithConsecutiveDalIds) {
-  const RequesterCase& c = GetParam();
-  creator->serializerInfo(SerializerId(1))->nameIs(c.serializerName);
-  creator->trackErrorsIs(c.trackErrors);
-  mount();
-  auto published = Kel::allocate<QueuePublished>(creator);
-  published->notifierIs(db->dirIs("ser/l2ser/config"));
-  // Two calls for one serializer: the same names, consecutive DAL ids.
-  const Kel::Ptr<QueueRequester> requesters[] = {createRequester(1), createRequester(1)};
-  for (U8 i = 0; i < 2; ++i) {
-    const QueueRequester& r = *requesters[i];
-    EXPECT_EQ(r.name(), c.queueName);
-    EXPECT_EQ(r.kickName(), c.kickName);
-    EXPECT_EQ(r.kickFifoName(), "kick-l2ser");  // the serializer's own, unchanged
-    EXPECT_TRUE(r.agentId() == kMe && r.queueSize() == 1024u);
-    EXPECT_EQ(r.dalId(), DalId(i));
-    EXPECT_EQ(r.processingStatus(), creator->dalProcessingStatusCol()->processingStatus(DalId(i)));
-    EXPECT_TRUE(r.configDir() && r.statusDir());
-    EXPECT_EQ(r.watchLog().watchList(), watchList);
+TEST_F(DemuxDalCreatorAssemblyTest, MakesNamedQueuesWithConsecutiveDalIds) {
+  for (const auto& [serializer, queue, kick, trackErrors] :
+       {std::tuple("l2ser", "fwd-l2ser-Queue", "Kick-fwd-l2ser-Requester", true),
+        {"", "fwd--Queue", "Kick-fwd--Requester", false}}) {
+    fill(remote, "");
+    creator->serializerInfo(SerializerId(1))->nameIs(serializer);
+    creator->trackErrorsIs(trackErrors);
+    mount();
+    auto published = Kel::allocate<QueuePublished>(creator);
+    published->notifierIs(db->dirIs("ser/l2ser/config"));
+    // Two calls for one serializer: the same names, consecutive DAL ids.
+    for (U8 i = 0; i < 2; ++i) {
+      const Kel::Ptr<QueueRequester> r = createRequester(1);
+      EXPECT_EQ(
+          std::tuple(r->name(), r->kickName(), r->kickFifoName(), r->agentId(), r->queueSize()),
+          std::tuple(queue, kick, "kick-l2ser", kMe, 1024u));
+      EXPECT_EQ(r->dalId(), DalId(i));
+      EXPECT_EQ(r->processingStatus(),
+                creator->dalProcessingStatusCol()->processingStatus(DalId(i)));
+      EXPECT_TRUE(r->configDir() && r->statusDir());
+      EXPECT_EQ(r->watchLog().watchList(), watchList);
+    }
+    EXPECT_EQ(creator->nextDalId(), DalId(2));
+    EXPECT_THAT(published->errorTracking, ElementsAre(trackErrors, trackErrors));
   }
-  EXPECT_EQ(creator->nextDalId(), DalId(2));
-  EXPECT_THAT(published->errorTracking, ElementsAre(c.trackErrors, c.trackErrors));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, DemuxDalCreatorRequesterTest,
-    ::testing::Values(RequesterCase{"l2ser", "fwd-l2ser-Queue", "Kick-fwd-l2ser-Requester", true},
-                      RequesterCase{"", "fwd--Queue", "Kick-fwd--Requester", false}));
-
-TEST_F(DemuxDalCreatorAssemblyTest, UnmountedDirectoriesGiveARequesterThatIsNeverReady) {
   describe(4, 5, "spare", {});  // serves nothing this agent reaches: never mounted
-  mount();
-  const Kel::Ptr<QueueRequester> r = createRequester(4);
-  EXPECT_TRUE(!r->configDir() && !r->statusDir() && !r->queue());
-  auto status = Kel::allocate<SerializerStatus>(Kel::Name("spare"));
-  status->servedQueueIs("fwd-spare-Queue");
-  db->entityIs("ser/spare/status/" + std::string(SerializerStatus::kEntryName), status);
-  EXPECT_FALSE(r->ready());
-  U8 data[4] = {1, 2, 3, 4};
-  EXPECT_LT(r->write(oneDeviceMask(DeviceId(0)), table(0x10), 0, data, nullptr, 4, false), 0);
+  const Kel::Ptr<QueueRequester> spare = createRequester(4);
+  EXPECT_TRUE(!spare->configDir() && !spare->statusDir() && !spare->queue());
 }
 
 // ---------------------------------------------------------------------------------------
@@ -274,108 +211,89 @@ std::map<U64, std::string> routes(const ResourceIdToDalMap& map) {
   return out;
 }
 
-Kel::Ptr<RequesterDalRemote> remoteDal(const DemuxDal& dal, U64 tableId) {
-  return Kel::dynamicPtrCast<RequesterDalRemote>(dal.resourceIdToDalMap()->dal(table(tableId)));
-}
-
 TEST_F(DemuxDalCreatorAssemblyTest, BuildsOneRemoteDalPerSerializerBehindTheSchanDefault) {
-  CreatorTrace trace;
+  doubles::DalTrace trace("ZorvekDemuxDalCreator");
   const Kel::Ptr<DemuxDal> dal = build();
-  EXPECT_EQ(dal->name(), "demuxDal");
-  EXPECT_EQ(dal->demuxDalCreator(), creator);
-  EXPECT_EQ(dal->dalProcessingStatusCol(), creator->dalProcessingStatusCol());
+  EXPECT_EQ(std::tuple(dal->name(), dal->demuxDalCreator(), dal->dalProcessingStatusCol()),
+            std::tuple("demuxDal", creator, creator->dalProcessingStatusCol()));
   const auto schan = Kel::dynamicPtrCast<RequesterDalSchan>(dal->defaultDal());
   ASSERT_NE(schan, nullptr);
-  EXPECT_EQ(schan->name(), "SchanRequesterDal");
-  EXPECT_EQ(schan->requester()->name(), "fwd-Schan-Queue");
-  EXPECT_EQ(schan->requester()->dalId(), DalId(0));
-  EXPECT_TRUE(schan->schanRequester()->queueSize() == 1024u &&
-              schan->schanRequester()->ownerAgentId() == kMe);
-
+  EXPECT_EQ(
+      std::tuple(schan->name(), schan->requester()->name(), schan->requester()->dalId(),
+                 schan->schanRequester()->queueSize(), schan->schanRequester()->ownerAgentId()),
+      std::tuple("SchanRequesterDal", "fwd-Schan-Queue", DalId(0), 1024u, kMe));
   EXPECT_THAT(routes(*dal->resourceIdToDalMap()),
               ElementsAre(Pair(0x10, "fwd-l2ser-Queue"), Pair(0x11, "fwd-l2ser-Queue"),
                           Pair(0x30, "fwd-aclser-Queue"), Pair(0x40, "fwd-l2ser-Queue")));
-  const Kel::Ptr<RequesterDalRemote> l2 = remoteDal(*dal, 0x10), acl = remoteDal(*dal, 0x30);
-  EXPECT_EQ(remoteDal(*dal, 0x40), l2);
-  EXPECT_EQ(l2->requester()->dalId(), DalId(1));
-  EXPECT_EQ(acl->requester()->dalId(), DalId(2));
-  EXPECT_EQ(l2->remoteResources().size(), 3u);
-  EXPECT_TRUE(l2->remoteResource(table(0x11)) && l2->remoteResource(table(0x40)));
-  EXPECT_EQ(acl->remoteResources().size(), 1u);
+  const auto remoteDal = [&](U64 id) {
+    return Kel::dynamicPtrCast<RequesterDalRemote>(dal->resourceIdToDalMap()->dal(table(id)));
+  };
+  const Kel::Ptr<RequesterDalRemote> l2 = remoteDal(0x10), acl = remoteDal(0x30);
+  EXPECT_EQ(remoteDal(0x40), l2);
+  EXPECT_EQ(std::tuple(l2->requester()->dalId(), acl->requester()->dalId(), creator->nextDalId()),
+            std::tuple(DalId(1), DalId(2), DalId(3)));
+  EXPECT_THAT(l2->remoteResources(),
+              UnorderedElementsAre(Key(table(0x10)), Key(table(0x11)), Key(table(0x40))));
+  EXPECT_THAT(acl->remoteResources(), ElementsAre(Key(table(0x30))));
   // Only the flagged mask makes map entries; aclser has no flagged mask at all.
   ASSERT_NE(l2->resourceIdToDataMaskMap(), nullptr);
   EXPECT_THAT(l2->resourceIdToDataMaskMap()->dataMaskCol(),
               UnorderedElementsAre(Pair(table(0x10), maskedL2()), Pair(table(0x11), maskedL2())));
   EXPECT_EQ(acl->resourceIdToDataMaskMap(), nullptr);
-  EXPECT_EQ(creator->dalProcessingStatusCol()->processingStatuses().size(), 3u);
-  EXPECT_EQ(creator->nextDalId(), DalId(3));
-  EXPECT_TRUE(dal->okToReadFromShadow() && l2->okToWriteToShadow());
-
-  EXPECT_EQ(trace.count("Creating schan requester"), 1);
-  EXPECT_EQ(trace.count("Found existing dal for 1"), 1);
+  std::vector<std::string> expected = {"Creating schan requester", "Found existing dal for 1"};
   for (const char* id : {"0x10", "0x11", "0x40", "0x30"})
-    EXPECT_EQ(
-        trace.count(std::string("Setting requester dal for resource type tableResource id ") + id),
-        1)
-        << id;
+    expected.push_back(std::string("Setting requester dal for resource type tableResource id ") +
+                       id);
+  const auto messages = trace.messages("ZorvekDemuxDalCreator");
+  for (const std::string& m : expected) EXPECT_EQ(std::ranges::count(messages, m), 1) << m;
 }
 
-struct SchanNameCase {
-  const char* requesterName;  // null: no entry for the agent
-  const char* sliceId;
-  const char* queueName;
-};
-void PrintTo(const SchanNameCase& c, std::ostream* os) { *os << c.queueName; }
-
-class DemuxDalCreatorSchanNameTest : public DemuxDalCreatorAssemblyTest,
-                                     public ::testing::WithParamInterface<SchanNameCase> {};
-
-TEST_P(DemuxDalCreatorSchanNameTest, NamesTheSchanQueue) {
-  fill(nullptr, "");
-  if (!GetParam().requesterName) creator->requesterNameDel(kMe);
-  creator->sliceIdIs(GetParam().sliceId);
-  EXPECT_EQ(build()->defaultDal()->requester()->name(), GetParam().queueName);
+// Without remote resources, or with XP_FORCE_LOCAL_SHADOW_ACCESS set (even empty), the tree is
+// the S-channel DAL alone: no route, and createRequester is never called.
+TEST_F(DemuxDalCreatorAssemblyTest, NamesTheSchanQueueAndBuildsNoRemoteDalWhenNoneIsWanted) {
+  for (const auto& [named, slice, queue, force] : {std::tuple(true, "", "fwd-Schan-Queue", false),
+                                                   {true, "s1", "fwd-s1-Schan-Queue", true},
+                                                   {false, "", "-Schan-Queue", false},
+                                                   {false, "s1", "-s1-Schan-Queue", false}}) {
+    const ScopedEnv env("XP_FORCE_LOCAL_SHADOW_ACCESS", force ? "" : nullptr);
+    fill(force ? remote : nullptr, "");
+    if (!named) creator->requesterNameDel(kMe);
+    creator->sliceIdIs(slice);
+    const Kel::Ptr<DemuxDal> dal = build();
+    EXPECT_EQ(dal->defaultDal()->requester()->name(), queue);
+    EXPECT_EQ(std::pair(dal->resourceIdToDalMap()->size(), creator->nextDalId()),
+              std::pair(std::size_t{0}, DalId(1)));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Names, DemuxDalCreatorSchanNameTest,
-                         ::testing::Values(SchanNameCase{"fwd", "", "fwd-Schan-Queue"},
-                                           SchanNameCase{"fwd", "s1", "fwd-s1-Schan-Queue"},
-                                           SchanNameCase{nullptr, "", "-Schan-Queue"},
-                                           SchanNameCase{nullptr, "s1", "-s1-Schan-Queue"}));
 
 enum class CopSource { external, local, localFedByLog, logPathWithoutLog };
 
-struct CopCase {
-  const char* name;
-  CopSource source;
-  std::vector<Corvane::Coprocessor> attached;  // by the S-channel requester
-};
-void PrintTo(const CopCase& c, std::ostream* os) { *os << c.name; }
-
 class DemuxDalCreatorCoprocessorTest : public DemuxDalCreatorAssemblyTest,
-                                       public ::testing::WithParamInterface<CopCase> {};
+                                       public ::testing::WithParamInterface<CopSource> {};
 
 TEST_P(DemuxDalCreatorCoprocessorTest, PicksTheCoprocessorStatus) {
-  const CopCase& c = GetParam();
-  const bool external = c.source == CopSource::external;
-  const bool withPath =
-      c.source == CopSource::localFedByLog || c.source == CopSource::logPathWithoutLog;
+  const CopSource source = GetParam();
+  const bool external = source == CopSource::external,
+             fedByLog = source == CopSource::localFedByLog;
+  const bool withPath = fedByLog || source == CopSource::logPathWithoutLog;
   fill(remote, withPath ? kLogPath : "");
   auto log = Kel::allocate<Corvane::CoprocessorStatusAttrLog>(Kel::Name("log"));
   log->setRecordIs("cop0", Corvane::Coprocessor(4, 1));
-  if (c.source == CopSource::localFedByLog) db->entityIs(kLogPath, log);
+  if (fedByLog) db->entityIs(kLogPath, log);
   auto supplied = Kel::allocate<Corvane::CoprocessorStatus>(Kel::Name("supplied"));
   supplied->coprocessorIs("copX", Corvane::Coprocessor(9, 2));
   if (external) creator->coprocessorStatusIs(supplied);
 
   const auto schan = Kel::dynamicPtrCast<RequesterDalSchan>(build()->defaultDal());
-  EXPECT_THAT(schan->schanRequester()->attachedCoprocessors(), ElementsAreArray(c.attached));
+  std::vector<Corvane::Coprocessor> attached;  // by the S-channel requester
+  if (external) attached = {Corvane::Coprocessor(9, 2)};
+  if (fedByLog) attached = {Corvane::Coprocessor(4, 1)};
+  EXPECT_THAT(schan->schanRequester()->attachedCoprocessors(), ElementsAreArray(attached));
   const Kel::Ptr<Corvane::CoprocessorStatus> local = creator->localCoprocessorStatus();
   EXPECT_EQ(schan->coprocessorStatus(), external ? supplied : local);
   EXPECT_EQ(local == nullptr, external);
   EXPECT_TRUE(!local || local->name() == "dalCoprocessorStatus");
-  EXPECT_EQ(creator->coprocessorStatusAttrLog(),
-            c.source == CopSource::localFedByLog ? log : nullptr);
+  EXPECT_EQ(creator->coprocessorStatusAttrLog(), fedByLog ? log : nullptr);
   // The adapter comes with the path, whether or not a log is published there.
   ASSERT_EQ(creator->coprocessorStatusAdapterSm() != nullptr, withPath);
   if (withPath) {
@@ -383,101 +301,41 @@ TEST_P(DemuxDalCreatorCoprocessorTest, PicksTheCoprocessorStatus) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Sources, DemuxDalCreatorCoprocessorTest,
-    ::testing::Values(CopCase{"External", CopSource::external, {Corvane::Coprocessor(9, 2)}},
-                      CopCase{"Local", CopSource::local, {}},
-                      CopCase{
-                          "LocalFedByLog", CopSource::localFedByLog, {Corvane::Coprocessor(4, 1)}},
-                      CopCase{"LogPathWithoutLog", CopSource::logPathWithoutLog, {}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-struct EnvCase {
-  const char* name;
-  bool remoteResources;
-  const char* forceLocalShadow;  // XP_FORCE_LOCAL_SHADOW_ACCESS; null: unset
-  const char* skipHwAccess;      // XP_SKIP_HW_ACCESS
-  const char* simulationVmid;    // SIMULATION_VMID
-  std::size_t routes;
-  bool hwAccessAllowed, verifyEnabled;
-};
-void PrintTo(const EnvCase& c, std::ostream* os) { *os << c.name; }
-
-class DemuxDalCreatorEnvTest : public DemuxDalCreatorAssemblyTest,
-                               public ::testing::WithParamInterface<EnvCase> {};
-
-TEST_P(DemuxDalCreatorEnvTest, ShapesTheTreeFromTheEnvironment) {
-  const EnvCase& c = GetParam();
-  const ScopedEnv force("XP_FORCE_LOCAL_SHADOW_ACCESS", c.forceLocalShadow);
-  const ScopedEnv skip("XP_SKIP_HW_ACCESS", c.skipHwAccess);
-  const ScopedEnv vmid("SIMULATION_VMID", c.simulationVmid);
-  fill(c.remoteResources ? remote : nullptr, "");
-  const Kel::Ptr<DemuxDal> dal = build();
-  EXPECT_EQ(dal->resourceIdToDalMap()->size(), c.routes);
-  // Without routes only the S-channel took a DAL id: createRequester was never called.
-  EXPECT_EQ(creator->nextDalId(), DalId(c.routes ? 3 : 1));
-  EXPECT_EQ(db->entity("ser/l2ser/config/fwd-l2ser-Queue") != nullptr, c.routes != 0);
-  std::vector<Kel::Ptr<Dal>> tree = {dal, dal->defaultDal()};
-  for (const auto& [rid, member] : *dal->resourceIdToDalMap()) tree.push_back(member);
-  for (const Kel::Ptr<Dal>& d : tree) {
-    EXPECT_EQ(d->hwAccessAllowed(), c.hwAccessAllowed) << d->name();
-    EXPECT_EQ(d->verifyEnabled(), c.verifyEnabled) << d->name();
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DemuxDalCreatorEnvTest,
-    ::testing::Values(EnvCase{"Unset", true, nullptr, nullptr, nullptr, 4, true, false},
-                      EnvCase{"NoRemoteResources", false, nullptr, nullptr, nullptr, 0, true,
-                              false},
-                      EnvCase{"ForcedLocalShadowEmpty", true, "", nullptr, nullptr, 0, true, false},
-                      EnvCase{"ForcedLocalShadow", true, "1", nullptr, nullptr, 0, true, false},
-                      EnvCase{"SkipHwAccessEmpty", true, nullptr, "", nullptr, 4, false, false},
-                      EnvCase{"SimulationVmid", true, nullptr, nullptr, "7", 4, true, true}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Sources, DemuxDalCreatorCoprocessorTest,
+                         ::testing::Values(CopSource::external, CopSource::local,
+                                           CopSource::localFedByLog, CopSource::logPathWithoutLog));
 
 // ---------------------------------------------------------------------------------------
 // Assertions
 
 using DemuxDalCreatorAssemblyDeathTest = DemuxDalCreatorAssemblyTest;
 
-TEST_F(DemuxDalCreatorAssemblyDeathTest, RemoteResourceOwnedByTheAgentItself) {
-  creator->serializerInfo(SerializerId(2))->agentIdIs(kMe);
-  const char* text = "Assertion failed: sInfo->agentId\\(\\) != requesterAgentId\\(\\),";
-  EXPECT_DEATH(creator->doMounts(group), text);
-  EXPECT_DEATH(creator->demuxDal(), text);
-}
-
-TEST_F(DemuxDalCreatorAssemblyDeathTest, CreateRequesterWithoutOwnRequesterName) {
-  creator->requesterNameDel(kMe);
-  mount();
-  EXPECT_DEATH(creator->createRequester(SerializerId(1)),
-               "Assertion failed: requesterName\\( requesterAgentId\\(\\) \\) != \"\",");
-}
-
-TEST_F(DemuxDalCreatorAssemblyDeathTest, TakingDalId255WrapsTheCounter) {
-  mount();
-  creator->nextDalIdIs(DalId(255));
-  EXPECT_DEATH(creator->createRequester(SerializerId(1)), "Assertion failed: nextDalId\\(\\),");
-  EXPECT_DEATH(creator->demuxDal(), "Assertion failed: nextDalId\\(\\),");
-}
-
 // demuxDal() makes a local status whenever no external one is set, so copStatus is null only
 // when an observer of the creator withdraws the local status while it is being set.
 class LocalStatusWithdrawer : public DemuxDalCreator::NotifieeConst {
  public:
-  explicit LocalStatusWithdrawer(DemuxDalCreator* creator) : creator_(creator) {}
-  void onLocalCoprocessorStatus() override { creator_->localCoprocessorStatusIs(nullptr); }
-
- private:
-  DemuxDalCreator* creator_;  // observed, not owned
+  void onLocalCoprocessorStatus() override { creator->localCoprocessorStatusIs(nullptr); }
+  DemuxDalCreator* creator = nullptr;  // observed, not owned
 };
 
-TEST_F(DemuxDalCreatorAssemblyDeathTest, NoCoprocessorStatusLeft) {
+TEST_F(DemuxDalCreatorAssemblyDeathTest, BrokenAssumptionsAbortWithTheirText) {
+  creator->serializerInfo(SerializerId(2))->agentIdIs(kMe);
+  const std::string ownedByMe = assertion("sInfo->agentId() != requesterAgentId()");
+  EXPECT_DEATH(creator->doMounts(group), ownedByMe);
+  EXPECT_DEATH(creator->demuxDal(), ownedByMe);
+  fill(remote, "");
   mount();
-  auto withdrawer = Kel::allocate<LocalStatusWithdrawer>(creator.ptr());
+  creator->nextDalIdIs(DalId(255));
+  EXPECT_DEATH(creator->createRequester(SerializerId(1)), assertion("nextDalId()"));
+  EXPECT_DEATH(creator->demuxDal(), assertion("nextDalId()"));
+  creator->nextDalIdIs(DalId(0));
+  auto withdrawer = Kel::allocate<LocalStatusWithdrawer>();
+  withdrawer->creator = creator.ptr();
   withdrawer->notifierIs(creator);
-  EXPECT_DEATH(creator->demuxDal(), "Assertion failed: copStatus,");
+  EXPECT_DEATH(creator->demuxDal(), assertion("copStatus"));
+  creator->requesterNameDel(kMe);
+  EXPECT_DEATH(creator->createRequester(SerializerId(1)),
+               assertion("requesterName( requesterAgentId() ) != \"\""));
 }
 
 }  // namespace
