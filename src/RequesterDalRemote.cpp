@@ -1,9 +1,7 @@
 #include "Zorvek/RequesterDalRemote.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <vector>
 
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
@@ -192,18 +190,8 @@ S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16
   const CacheTableIndex index(devId, accessResourceId(offset, optArg));
   CacheTable& table = localCacheOrInit(index);
   maybeAllocateLocalShadowEntry(table, index, offset, size);
-  const auto* bytes = static_cast<const unsigned char*>(data);
-  if (size < table.entrySize()) {
-    // The caller's buffer holds only `size` bytes: taking a whole entry from it would read
-    // past its end. Those bytes change, the rest of the entry keeps what it held.
-    const unsigned char* current = table.entryDataPtr(offset);
-    std::vector<unsigned char> entry(current, current + table.entrySize());
-    std::copy_n(bytes, size, entry.begin());
-    table.writeEntryData(offset, entry.data(), hwAccessAllowed());
-    return 0;
-  }
   // The size is deliberately not passed on: the table always takes a whole entry.
-  table.writeEntryData(offset, bytes, hwAccessAllowed());
+  table.writeEntryData(offset, static_cast<const unsigned char*>(data), hwAccessAllowed());
   return 0;
 }
 
