@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 
 #include "Kel/Trace.h"
@@ -28,45 +29,61 @@ concept Streamable = requires(std::ostream& os, const T& v) {
   os << v;
 };
 
-// One argument converted to a Kwisp value; holds the text of a streamed value.
+// The types stored as they are; any other type is stored as its streamed text.
+template <class U>
+concept Direct = std::is_same_v<U, bool> || std::is_enum_v<U> || std::is_integral_v<U> ||
+    std::is_pointer_v<U> || std::is_convertible_v<const U&, std::string_view>;
+
+template <class I>
+Kwisp::Value integer(I v) {
+  if constexpr (std::is_signed_v<I>)
+    return {Kwisp::Tag::signedInt, static_cast<std::uint64_t>(static_cast<std::int64_t>(v)), {}};
+  else
+    return {Kwisp::Tag::unsignedInt, static_cast<std::uint64_t>(v), {}};
+}
+
+// One argument converted to a Kwisp value. Only a streamed argument holds a text (the value
+// points into it), so the others convert without constructing or destroying a string.
+template <class U>
 class Arg {
  public:
-  template <class T>
-  Arg(const T& x) {
-    using U = std::remove_cvref_t<T>;
-    if constexpr (std::is_same_v<U, bool>) {
-      value_ = {Kwisp::Tag::boolean, x ? 1u : 0u, {}};
-    } else if constexpr (std::is_enum_v<U>) {
-      value_ = integer(static_cast<std::underlying_type_t<U>>(x));
-    } else if constexpr (std::is_integral_v<U>) {
-      value_ = integer(x);
-    } else if constexpr (std::is_pointer_v<U> && std::is_convertible_v<U, std::string_view>) {
-      // A null C string (getenv() of an unset variable, say) is traced, not dereferenced.
-      value_ = {Kwisp::Tag::string, 0, x ? std::string_view(x) : std::string_view("(null)")};
-    } else if constexpr (std::is_convertible_v<const U&, std::string_view>) {
-      value_ = {Kwisp::Tag::string, 0, std::string_view(x)};
-    } else if constexpr (std::is_pointer_v<U>) {
-      value_ = {Kwisp::Tag::unsignedInt, reinterpret_cast<std::uintptr_t>(x), {}};
-    } else {
-      static_assert(Streamable<U>, "trace argument needs a stream output operator");
-      std::ostringstream os;
-      os << x;
-      text_ = os.str();
-      value_ = {Kwisp::Tag::string, 0, text_};
-    }
-  }
+  explicit Arg(const U& x) : value_(convert(x)) {}
   Arg(const Arg&) = delete;
   const Kwisp::Value& value() const { return value_; }
 
  private:
-  template <class I>
-  static Kwisp::Value integer(I v) {
-    if constexpr (std::is_signed_v<I>)
-      return {Kwisp::Tag::signedInt, static_cast<std::uint64_t>(static_cast<std::int64_t>(v)), {}};
-    else
-      return {Kwisp::Tag::unsignedInt, static_cast<std::uint64_t>(v), {}};
+  static Kwisp::Value convert(const U& x) {
+    if constexpr (std::is_same_v<U, bool>) {
+      return {Kwisp::Tag::boolean, x ? 1u : 0u, {}};
+    } else if constexpr (std::is_enum_v<U>) {
+      return integer(static_cast<std::underlying_type_t<U>>(x));
+    } else if constexpr (std::is_integral_v<U>) {
+      return integer(x);
+    } else if constexpr (std::is_pointer_v<U> && std::is_convertible_v<U, std::string_view>) {
+      // A null C string (getenv() of an unset variable, say) is traced, not dereferenced.
+      return {Kwisp::Tag::string, 0, x ? std::string_view(x) : std::string_view("(null)")};
+    } else if constexpr (std::is_convertible_v<const U&, std::string_view>) {
+      return {Kwisp::Tag::string, 0, std::string_view(x)};
+    } else {
+      return {Kwisp::Tag::unsignedInt, reinterpret_cast<std::uintptr_t>(x), {}};
+    }
   }
-  Kwisp::Value value_;
+  const Kwisp::Value value_;
+};
+
+template <class U>
+requires(!Direct<U>) class Arg<U> {
+ public:
+  explicit Arg(const U& x) {
+    static_assert(Streamable<U>, "trace argument needs a stream output operator");
+    std::ostringstream os;
+    os << x;
+    text_ = os.str();
+  }
+  Arg(const Arg&) = delete;
+  Kwisp::Value value() const { return {Kwisp::Tag::string, 0, text_}; }
+
+ private:
   std::string text_;
 };
 
@@ -82,10 +99,13 @@ void convertTo(void (*sink)(const Kwisp::Descriptor&, const Kwisp::Value*, std::
   if constexpr (sizeof...(A) == 0) {
     sink(d, nullptr, 0);
   } else {
-    const detail::Arg held[] = {detail::Arg(args)...};
-    Kwisp::Value values[sizeof...(A)];
-    for (std::size_t i = 0; i < sizeof...(A); ++i) values[i] = held[i].value();
-    sink(d, values, sizeof...(A));
+    const std::tuple<detail::Arg<std::remove_cvref_t<A>>...> held(args...);
+    std::apply(
+        [&](const auto&... arg) {
+          const Kwisp::Value values[] = {arg.value()...};
+          sink(d, values, sizeof...(A));
+        },
+        held);
   }
 }
 

@@ -10,6 +10,10 @@
 #include <map>
 #include <mutex>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <x86intrin.h>
+#endif
+
 namespace Kwisp {
 
 namespace {
@@ -26,9 +30,55 @@ struct DescriptorText {
   std::string handle, file, function, format;
 };
 
+std::uint64_t steadyNanoseconds() {
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                        std::chrono::steady_clock::now().time_since_epoch())
+                                        .count());
+}
+
+// The record clock: the time-stamp counter, or the steady clock itself where there is none.
+#if defined(__x86_64__) || defined(__i386__)
+std::uint64_t clockTicks() { return __rdtsc(); }
+constexpr bool kTicksAreNanoseconds = false;
+#else
+std::uint64_t clockTicks() { return steadyNanoseconds(); }
+constexpr bool kTicksAreNanoseconds = true;
+#endif
+
+// A reading of both clocks at (nearly) the same moment.
+struct ClockPair {
+  std::uint64_t ticks = 0;
+  std::uint64_t nanoseconds = 0;
+  static ClockPair now() { return {clockTicks(), steadyNanoseconds()}; }
+};
+
+// Turns record-clock ticks into steady-clock nanoseconds, by the rate between two readings.
+class TickConverter {
+ public:
+  TickConverter(const ClockPair& base, const ClockPair& later) : base_(base) {
+    if (later.ticks > base.ticks && later.nanoseconds > base.nanoseconds)
+      nanosecondsPerTick_ = static_cast<long double>(later.nanoseconds - base.nanoseconds) /
+                            static_cast<long double>(later.ticks - base.ticks);
+  }
+  std::uint64_t nanoseconds(std::uint64_t ticks) const {
+    if (kTicksAreNanoseconds) return ticks;
+    if (ticks <= base_.ticks) return base_.nanoseconds;
+    return base_.nanoseconds +
+           static_cast<std::uint64_t>(static_cast<long double>(ticks - base_.ticks) *
+                                      nanosecondsPerTick_);
+  }
+
+ private:
+  ClockPair base_;
+  long double nanosecondsPerTick_ = 1;
+};
+
 struct Ring {
   std::vector<unsigned char> slots = std::vector<unsigned char>(kDefaultSlots * kSlotBytes);
   std::uint64_t next = 0;
+  // The slot the next record takes: it wraps without dividing by the slot count.
+  unsigned char* cursor = slots.data();
+  ClockPair base = ClockPair::now();
   std::mutex descriptorMutex;
   // The texts of every descriptor ever built, copied when it is built: records keep decoding
   // after a trace point is gone (its library unloaded, or a descriptor that was not static).
@@ -153,6 +203,18 @@ std::map<std::uint32_t, DescriptorText> knownDescriptors() {
   return r.descriptors;
 }
 
+// A copy of the ring's slots whose stamps are steady-clock nanoseconds.
+std::vector<unsigned char> slotsInNanoseconds(const Ring& r) {
+  const TickConverter converter(r.base, ClockPair::now());
+  std::vector<unsigned char> slots = r.slots;
+  for (std::size_t at = 0; at < slots.size(); at += kSlotBytes) {
+    unsigned char* s = slots.data() + at;
+    if (get<std::uint64_t>(s))
+      put<std::uint64_t>(s + 8, converter.nanoseconds(get<std::uint64_t>(s + 8)));
+  }
+  return slots;
+}
+
 // Reads the dump format with bounds checks on every field.
 class Reader {
  public:
@@ -219,12 +281,10 @@ Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const cha
 
 void record(const Descriptor& d, const Value* values, std::size_t count) {
   Ring& r = ring();
-  const std::size_t slotCount = r.slots.size() / kSlotBytes;
+  unsigned char* const s = r.cursor;
+  r.cursor = s + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : s + kSlotBytes;
   const std::uint64_t seq = r.next++;
-  unsigned char* s = r.slots.data() + (seq % slotCount) * kSlotBytes;
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  put<std::uint64_t>(s + 8, static_cast<std::uint64_t>(
-                                std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()));
+  put<std::uint64_t>(s + 8, clockTicks());
   put<std::uint32_t>(s + 16, d.id());
   unsigned char* p = s + kHeaderBytes;
   unsigned char* const end = s + kSlotBytes;
@@ -280,8 +340,8 @@ std::string render(std::string_view format, const Value* values, std::size_t cou
 }
 
 std::vector<std::string> decode() {
-  Ring& r = ring();
-  return decodeSlots(r.slots.data(), r.slots.size() / kSlotBytes, knownDescriptors());
+  const std::vector<unsigned char> slots = slotsInNanoseconds(ring());
+  return decodeSlots(slots.data(), slots.size() / kSlotBytes, knownDescriptors());
 }
 
 void dump(const std::string& path) {
@@ -301,7 +361,8 @@ void dump(const std::string& path) {
   }
   putNum<std::uint32_t>(out, static_cast<std::uint32_t>(kSlotBytes));
   putNum<std::uint32_t>(out, static_cast<std::uint32_t>(r.slots.size() / kSlotBytes));
-  out.append(reinterpret_cast<const char*>(r.slots.data()), r.slots.size());
+  const std::vector<unsigned char> slots = slotsInNanoseconds(r);
+  out.append(reinterpret_cast<const char*>(slots.data()), slots.size());
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   if (!f || !f.write(out.data(), static_cast<std::streamsize>(out.size())))
     throw std::runtime_error("cannot write trace ring to " + path);
@@ -351,6 +412,8 @@ void clear(std::size_t slots) {
   const std::size_t n = slots ? slots : r.slots.size() / kSlotBytes;
   r.slots.assign(n * kSlotBytes, 0);
   r.next = 0;
+  r.cursor = r.slots.data();
+  r.base = ClockPair::now();
 }
 
 std::size_t slotCount() { return ring().slots.size() / kSlotBytes; }

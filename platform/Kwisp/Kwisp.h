@@ -5,9 +5,16 @@
 // stores only the descriptor id, a timestamp and the arguments in binary; text is made when
 // the ring is decoded, in memory or from a file written by dump().
 //
+// A record is stamped with the processor's time-stamp counter where there is one (x86): it
+// costs a fraction of a steady-clock read, and recording must stay cheap enough to leave on.
+// The ring remembers a steady-clock reading and the counter at the same moment; decoding and
+// dumping take a second pair and turn every stamp into steady-clock nanoseconds with the
+// rate measured between the two, so dumps and decoded lines carry nanoseconds as before.
+//
 // Ring slot layout (kSlotBytes = 128 bytes, little-endian, slot = sequence % slot count):
 //   0  u64  sequence number + 1 (0: empty slot)
-//   8  u64  timestamp, nanoseconds of the steady clock
+//   8  u64  timestamp: in the ring, ticks of the record clock; in a dump and when decoded,
+//            nanoseconds of the steady clock
 //   16 u32  descriptor id
 //   20 u8   argument count
 //   21 u8   flags (bit 0: arguments truncated to fit the slot)

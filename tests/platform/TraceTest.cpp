@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -109,12 +111,29 @@ Kwisp::Value num(std::uint64_t v) { return {Kwisp::Tag::unsignedInt, v, {}}; }
 Kwisp::Value sgn(std::int64_t v) { return {Kwisp::Tag::signedInt, std::uint64_t(v), {}}; }
 Kwisp::Value flag(bool v) { return {Kwisp::Tag::boolean, v, {}}; }
 
-// The decoded ring without the timestamps (the second field of each line).
-std::vector<std::string> decoded() {
+// Decoded lines without their timestamps (the second field of each line).
+std::vector<std::string> withoutStamps(const std::vector<std::string>& lines) {
   std::vector<std::string> out;
-  for (const std::string& line : Kwisp::decode())
+  for (const std::string& line : lines)
     out.push_back(line.substr(0, line.find(' ')) + line.substr(line.find(' ', line.find(' ') + 1)));
   return out;
+}
+std::vector<std::string> decoded() { return withoutStamps(Kwisp::decode()); }
+
+// The timestamps of decoded lines ("<seconds>.<nanoseconds>"), in nanoseconds.
+std::vector<std::uint64_t> stamps(const std::vector<std::string>& lines) {
+  std::vector<std::uint64_t> out;
+  for (const std::string& line : lines) {
+    const std::size_t at = line.find(' ') + 1, dot = line.find('.', at);
+    out.push_back(std::stoull(line.substr(at, dot - at)) * 1000000000 +
+                  std::stoull(line.substr(dot + 1, 9)));
+  }
+  return out;
+}
+std::uint64_t steadyNanoseconds() {
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                        std::chrono::steady_clock::now().time_since_epoch())
+                                        .count());
 }
 
 struct KwispTest : ::testing::Test {
@@ -123,8 +142,12 @@ struct KwispTest : ::testing::Test {
 };
 
 // Every argument kind under "%s" and "%x", "%%", and an unknown or lone "%" left as is. The
-// descriptor keeps its own copies of the texts, which may be gone by decode time.
+// descriptor keeps its own copies of the texts, which may be gone by decode time. Records
+// are stamped with the time-stamp counter and decoded as steady-clock nanoseconds, which
+// must fall between the clear and the decode.
 TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
+  const std::uint64_t start = steadyNanoseconds();
+  Kwisp::clear(4);
   std::string format = "s=%s i=%s/%x u=0x%x b=%s/%x 100%% %d %", function = "someFunction";
   {
     const Kwisp::Descriptor d(th(), 3, "/src/Ring.cpp", 7, function.c_str(), format.c_str());
@@ -138,8 +161,13 @@ TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
   function.assign(function.size(), '#');
   EXPECT_EQ(Kwisp::recordCount(), 6u);
   const std::vector<std::string> lines = Kwisp::decode();
+  const std::uint64_t decodedAt = steadyNanoseconds();
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_THAT(lines[0], ::testing::MatchesRegex("2 [0-9]+\\.[0-9]{9} .*"));
+  const std::vector<std::uint64_t> when = stamps(lines);
+  EXPECT_TRUE(std::is_sorted(when.begin(), when.end()));
+  EXPECT_GE(when.front(), start);
+  EXPECT_LE(when.back(), decodedAt);
   const std::string p =
       " TraceTestPoint/3 Ring.cpp:7 someFunction: s=abc i=-5/ffffffffffffffff u=0x";
   EXPECT_THAT(
@@ -148,7 +176,10 @@ TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
                   "4" + p + "e b=False/True 100% %d %", "5" + p + "f b=True/False 100% %d %"));
   const std::string path = tempPath("KwispTest.ring");
   Kwisp::dump(path);
-  EXPECT_EQ(Kwisp::decodeFile(path), lines);
+  const std::vector<std::string> fromFile = Kwisp::decodeFile(path);
+  EXPECT_EQ(withoutStamps(fromFile), withoutStamps(lines));
+  EXPECT_GE(stamps(fromFile).front(), start);
+  EXPECT_LE(stamps(fromFile).back(), steadyNanoseconds());
   std::remove(path.c_str());
   EXPECT_THAT([&] { Kwisp::decodeFile(path); },
               ThrowsMessage<Kwisp::DecodeError>(StrEq("cannot open " + path)));
