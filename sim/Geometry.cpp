@@ -89,8 +89,11 @@ Location Geometry::locate(DeviceOffset offset) const {
 }
 
 const ResourceLayout* Geometry::layout(const PhysicalResourceId& rid) const {
+  if (lastLayout_ && lastLayout_->id == rid) return lastLayout_;
   const auto it = byId_.find(rid);
-  return it == byId_.end() ? nullptr : &resources_[it->second];
+  if (it == byId_.end()) return nullptr;
+  lastLayout_ = &resources_[it->second];
+  return lastLayout_;
 }
 
 std::span<const ResourceLayout> Geometry::instances(const PhysicalResourceId& rid) const {

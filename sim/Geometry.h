@@ -138,6 +138,9 @@ class KEL_EXPORT Geometry : public Kel::Entity {
   std::vector<ResourceLayout> resources_;
   std::vector<DeviceOffset> bases_;                   // resources_[i].base, for find()
   std::unordered_map<PhysicalResourceId, U32> byId_;  // id -> index in resources_
+  // The last resource layout() found: the helper asks for one resource many times in a row
+  // (every entry of a replayed table, every step of an access).
+  mutable const ResourceLayout* lastLayout_ = nullptr;
   U64 sizeBytes_ = 0;
   U32 tableEntrySlots_ = 0;
 };

@@ -97,11 +97,12 @@ PhysicalResourceId SimDalHelper::resourceId(DeviceOffset offset, void* optArg) c
 
 void SimDalHelper::setOptArg(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset,
                              void* optArg) const {
-  KEL_ASSERT_TEXT(resourceExists(devId, rid), "resourceExists( devId, rid )");
-  const ResourceLayout& r = layout(devId, rid);
-  KEL_ASSERT_TEXT(r.contains(offset, 1), "offset lies in rid");
+  const Geometry* g = geometry(devId);
+  const ResourceLayout* r = g ? g->layout(rid) : nullptr;
+  KEL_ASSERT_TEXT(r, "resourceExists( devId, rid )");
+  KEL_ASSERT_TEXT(r->contains(offset, 1), "offset lies in rid");
   const SimOptArg a{kSimOptArgMagic, static_cast<U32>(rid.type()),
-                    rid.id(),        (offset - r.base) / r.memoryEntrySize,
+                    rid.id(),        (offset - r->base) / r->memoryEntrySize,
                     devId.value(),   0};
   std::memcpy(optArg, &a, sizeof a);
 }
