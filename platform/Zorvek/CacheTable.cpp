@@ -68,6 +68,7 @@ void CacheTable::doRestart(bool coldStart) {
   std::vector<std::unique_ptr<Chunk>>().swap(chunks_);
   indexBits_ = 0;
   entries_ = 0;
+  lastIndex_ = kNoEntry;
 }
 
 std::size_t CacheTable::memoryBytes() const {
@@ -99,6 +100,8 @@ U32 CacheTable::allocate(DeviceOffset offset) {
   }
   chunks_[chunk]->offsets[index % kEntriesPerChunk] = offset;
   slots_[slotFor(offset)] = Slot{offset, index};
+  lastOffset_ = offset;
+  lastIndex_ = index;
   return index;
 }
 

@@ -63,9 +63,16 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   // order of first use. entryOffset asserts "entryIndex < entries()".
   U32 entries() const { return entries_; }
   DeviceOffset entryOffset(U32 entryIndex) const;
-  // The index of the entry at `offset`, or kNoEntry.
+  // The index of the entry at `offset`, or kNoEntry. The steps of one shadow access (put an
+  // entry in use, then write or read it; or, in a replay, check it and then send it) ask
+  // for the same offset in a row, so the last entry found answers without a probe.
   U32 entryIndex(DeviceOffset offset) const {
-    return slots_.empty() ? kNoEntry : slots_[slotFor(offset)].index;
+    if (offset == lastOffset_ && lastIndex_ != kNoEntry) return lastIndex_;
+    if (slots_.empty()) return kNoEntry;
+    const Slot& s = slots_[slotFor(offset)];
+    lastOffset_ = offset;
+    lastIndex_ = s.index;
+    return s.index;
   }
 
   // The entry's data (entrySize() bytes), or null when the offset is not in use.
@@ -152,6 +159,8 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   bool coldStart_ = false;
   unsigned indexBits_ = 0;  // the index has 2^indexBits_ slots (none while empty)
   std::vector<Slot> slots_;
+  mutable DeviceOffset lastOffset_ = 0;  // the last offset entryIndex() looked up
+  mutable U32 lastIndex_ = kNoEntry;     // and its entry index (kNoEntry: not in use)
   std::vector<std::unique_ptr<Chunk>> chunks_;
   std::vector<unsigned char> initialEntryData_;
 };
