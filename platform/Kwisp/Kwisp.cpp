@@ -36,12 +36,11 @@ std::uint64_t steadyNanoseconds() {
                                         .count());
 }
 
-// The record clock: the time-stamp counter, or the steady clock itself where there is none.
 #if defined(__x86_64__) || defined(__i386__)
-std::uint64_t clockTicks() { return __rdtsc(); }
+std::uint64_t readClock() { return __rdtsc(); }
 constexpr bool kTicksAreNanoseconds = false;
 #else
-std::uint64_t clockTicks() { return steadyNanoseconds(); }
+std::uint64_t readClock() { return steadyNanoseconds(); }
 constexpr bool kTicksAreNanoseconds = true;
 #endif
 
@@ -49,7 +48,7 @@ constexpr bool kTicksAreNanoseconds = true;
 struct ClockPair {
   std::uint64_t ticks = 0;
   std::uint64_t nanoseconds = 0;
-  static ClockPair now() { return {clockTicks(), steadyNanoseconds()}; }
+  static ClockPair now() { return {readClock(), steadyNanoseconds()}; }
 };
 
 // Turns record-clock ticks into steady-clock nanoseconds, by the rate between two readings.
@@ -279,12 +278,14 @@ Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const cha
   r.descriptors.emplace(id_, textOf(*this));
 }
 
+std::uint64_t clockTicks() { return readClock(); }
+
 void record(const Descriptor& d, const Value* values, std::size_t count) {
   Ring& r = ring();
   unsigned char* const s = r.cursor;
   r.cursor = s + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : s + kSlotBytes;
   const std::uint64_t seq = r.next++;
-  put<std::uint64_t>(s + 8, clockTicks());
+  put<std::uint64_t>(s + 8, readClock());
   put<std::uint32_t>(s + 16, d.id());
   unsigned char* p = s + kHeaderBytes;
   unsigned char* const end = s + kSlotBytes;

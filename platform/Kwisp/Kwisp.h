@@ -87,6 +87,10 @@ class KEL_EXPORT DecodeError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The clock that stamps records: the time-stamp counter where there is one, else the steady
+// clock in nanoseconds.
+KEL_EXPORT std::uint64_t clockTicks();
+
 // Appends one record to the ring, overwriting the oldest when the ring is full.
 KEL_EXPORT void record(const Descriptor& d, const Value* values, std::size_t count);
 
