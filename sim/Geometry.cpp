@@ -88,8 +88,7 @@ Location Geometry::locate(DeviceOffset offset) const {
   return {r, inside / r->memoryEntrySize, inside % r->memoryEntrySize};
 }
 
-const ResourceLayout* Geometry::layout(const PhysicalResourceId& rid) const {
-  if (lastLayout_ && lastLayout_->id == rid) return lastLayout_;
+const ResourceLayout* Geometry::findLayout(const PhysicalResourceId& rid) const {
   const auto it = byId_.find(rid);
   if (it == byId_.end()) return nullptr;
   lastLayout_ = &resources_[it->second];

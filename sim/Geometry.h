@@ -123,8 +123,11 @@ class KEL_EXPORT Geometry : public Kel::Entity {
   // The resource holding `offset`; throws GeometryError naming the geometry and the offset
   // when nothing is there.
   Location locate(DeviceOffset offset) const;
-  // The resource of that id, or null.
-  const ResourceLayout* layout(const PhysicalResourceId& rid) const;
+  // The resource of that id, or null. The last answer is kept: the helper asks for one
+  // resource many times in a row (every entry of a replayed table, every step of an access).
+  const ResourceLayout* layout(const PhysicalResourceId& rid) const {
+    return lastLayout_ && lastLayout_->id == rid ? lastLayout_ : findLayout(rid);
+  }
   // Every instance of the table that `rid` is an instance of, in instance order (one
   // element for a table that is not replicated or a register); empty for an unknown id.
   std::span<const ResourceLayout> instances(const PhysicalResourceId& rid) const;
@@ -134,13 +137,12 @@ class KEL_EXPORT Geometry : public Kel::Entity {
 
  private:
   void add(ResourceLayout layout);
+  const ResourceLayout* findLayout(const PhysicalResourceId& rid) const;
   Kel::Name name_;
   std::vector<ResourceLayout> resources_;
-  std::vector<DeviceOffset> bases_;                   // resources_[i].base, for find()
-  std::unordered_map<PhysicalResourceId, U32> byId_;  // id -> index in resources_
-  // The last resource layout() found: the helper asks for one resource many times in a row
-  // (every entry of a replayed table, every step of an access).
-  mutable const ResourceLayout* lastLayout_ = nullptr;
+  std::vector<DeviceOffset> bases_;                     // resources_[i].base, for find()
+  std::unordered_map<PhysicalResourceId, U32> byId_;    // id -> index in resources_
+  mutable const ResourceLayout* lastLayout_ = nullptr;  // the last resource layout() found
   U64 sizeBytes_ = 0;
   U32 tableEntrySlots_ = 0;
 };

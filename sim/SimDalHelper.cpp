@@ -35,10 +35,6 @@ void SimDalHelper::deviceIs(DeviceId devId, Kel::Ptr<const Geometry> geometry) {
   if (!firstDevice_ || devId < *firstDevice_) firstDevice_ = devId;
 }
 
-SimDalHelper::Device* SimDalHelper::findDevice(DeviceId devId) const {
-  return devId.isNull() ? nullptr : devices_[devId.value()].get();
-}
-
 const Geometry* SimDalHelper::geometry(DeviceId devId) const {
   const Device* d = findDevice(devId);
   return d ? d->geometry.ptr() : nullptr;

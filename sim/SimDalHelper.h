@@ -130,7 +130,9 @@ class KEL_EXPORT SimDalHelper : public Zorvek::DalHelper {
   const Device& deviceOf(void* optArg) const;
   // The device, or null. The shadow and DMA buffer of a device are the simulated device
   // memory that const operations hand out for writing, so these return them writable.
-  Device* findDevice(DeviceId devId) const;
+  Device* findDevice(DeviceId devId) const {
+    return devId.isNull() ? nullptr : devices_[devId.value()].get();
+  }
   // The device; throws GeometryError when there is none.
   Device& device(DeviceId devId) const;
   const ResourceLayout& layout(DeviceId devId, const PhysicalResourceId& rid) const;
