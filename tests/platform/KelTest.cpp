@@ -1,7 +1,6 @@
 // The entity framework: Ptr, tracked allocation, the type registry, reflective access errors,
 // notifiee lists under disruption, and text parsing.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
@@ -21,17 +20,12 @@ namespace {
 // construction, as reactors do when they register themselves.
 class Widget : public Kel::Entity {
   KEL_ENTITY_TYPE(Widget)
-
  public:
   explicit Widget(int* destroyed)
-      : seenReferences(Kel::Ptr<Widget>(this)->references()), destroyed_(destroyed) {}
+      : seenReferences(Kel::Ptr<Widget>(this)->references()), destroyed(destroyed) {}
+  ~Widget() override { ++*destroyed; }
   const long seenReferences;
-
- protected:
-  ~Widget() override { ++*destroyed_; }
-
- private:
-  int* destroyed_;
+  int* const destroyed;
 };
 
 class Gadget : public Widget {
@@ -44,16 +38,12 @@ class Gadget : public Widget {
 // runs an optional one-shot disruption.
 class Source : public Kel::Entity {
   KEL_ENTITY_TYPE(Source)
-
  public:
-  class NotifieeConst : public Kel::NotifieeConst<Source> {
-   public:
+  struct NotifieeConst : Kel::NotifieeConst<Source> {
     virtual void onTick(int) {}
   };
   void tick(int v) { notifiees_.visit(&NotifieeConst::onTick, v); }
   Kel::NotifieeList<Source>& notifiees() const { return notifiees_; }
-
- private:
   mutable Kel::NotifieeList<Source> notifiees_;
 };
 
@@ -113,22 +103,18 @@ TEST_F(EntityTest, LiveCountIsKeptPerMostDerivedType) {
             std::tuple(widgets + 2, gadgets + 1, allLive + 3, &Gadget::staticType()));
   held.clear();
   EXPECT_EQ(destroyed, 3);
+  // Registration is idempotent; load-time order is checked on the DAL's own types.
+  EXPECT_EQ(&Kel::TypeRegistry::registerType("KelTest::Widget"), &Widget::staticType());
+  EXPECT_EQ(Kel::TypeRegistry::type("KelTest::Unregistered"), nullptr);
 }
 
 TEST_F(EntityTest, UnknownAttributeIsAnError) {
   Kel::Ptr<Gadget> g = Kel::allocate<Gadget>(&destroyed);
   std::string value = "unchanged";
-  EXPECT_FALSE(g->attribute("colour", value));
-  EXPECT_EQ(value, "unchanged");
+  EXPECT_TRUE(!g->attribute("colour", value) && value == "unchanged");
   EXPECT_THAT([&] { g->attributeIs("colour", "red"); },
               ::testing::ThrowsMessage<Kel::AttributeError>(
                   ::testing::StrEq("no attribute 'colour' in KelTest::Gadget")));
-}
-
-// The load-time order of registration is checked on the DAL's own types.
-TEST(TypeRegistryTest, RegistrationIsIdempotent) {
-  EXPECT_EQ(&Kel::TypeRegistry::registerType("KelTest::Widget"), &Widget::staticType());
-  EXPECT_EQ(Kel::TypeRegistry::type("KelTest::Unregistered"), nullptr);
 }
 
 // Observers a, b and c of one source; the leak check covers both sides.
@@ -153,20 +139,17 @@ struct NotifieeListTest : EntityFixture {
   Kel::Ptr<Observer> added;
 };
 
-// What b does to the list during the first tick, and the logs of that tick and the next.
-struct Disruption {
-  const char* name;
-  void (*during)(NotifieeListTest&);
-  const char *first, *second;
-};
+// (name, what b does to the list during the first tick, the logs of that tick and the next)
+using Disruption = std::tuple<const char*, void (*)(NotifieeListTest&), const char*, const char*>;
 
 class NotifieeListDisruptionTest : public NotifieeListTest,
                                    public ::testing::WithParamInterface<Disruption> {};
 
 TEST_P(NotifieeListDisruptionTest, FollowsTheListPolicy) {
-  o[1]->disruption = [this] { GetParam().during(*this); };
-  EXPECT_EQ(tick(1), GetParam().first);
-  EXPECT_EQ(tick(2), GetParam().second);
+  const auto& [name, during, first, second] = GetParam();
+  o[1]->disruption = [this, during = during] { during(*this); };
+  EXPECT_EQ(tick(1), first);
+  EXPECT_EQ(tick(2), second);
 }
 
 using T = NotifieeListTest;
@@ -195,7 +178,7 @@ INSTANTIATE_TEST_SUITE_P(
            t.source->tick(7);
          },
          "a1 b1 a7 b7 c7", "a2 b2"}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& info) { return std::string(std::get<0>(info.param)); });
 
 TEST_F(NotifieeListTest, ObserversRetargetAndOutliveTheirNotifier) {
   Kel::Ptr<Source> other = Kel::allocate<Source>();
@@ -232,12 +215,13 @@ std::string numberError(int bits, const char* why, const char* at) {
          ") at " + at;
 }
 
-TEST(ParseTest, NeedStringAdvancesPastTheExpectedText) {
+TEST(ParseTest, NeedStringAdvancesPastTheExpectedTextAndBoolsPrintAsNames) {
   EXPECT_EQ(parse("Value('x')", "Value('"), "|x')");
   EXPECT_EQ(parse("Valve('x')", "Value('"), "expected \"Value('\" at \"Valve('x')\"");
   EXPECT_EQ(parse("Val", "Value"), "expected \"Value\" at \"Val\"");
   EXPECT_EQ(parse("", "("), "expected \"(\" at end of text");
   EXPECT_EQ(parse("0123456789abcdefXYZ", "("), "expected \"(\" at \"0123456789abcdef...\"");
+  EXPECT_EQ(Kel::valueToStrep(true) + "/" + Kel::valueToStrep(false), "True/False");
 }
 
 // Each width reads up to its largest value and names itself when the next one overflows.
@@ -253,10 +237,6 @@ TEST(ParseTest, DeserializeAttrReadsUpToTheLargestValueOfItsWidth) {
   EXPECT_EQ(parse<std::uint16_t>("0007,"), "7|,");
   EXPECT_EQ(parse<std::uint32_t>("-1"), numberError(32, "no digits", "\"-1\""));
   EXPECT_EQ(parse<std::uint64_t>(""), numberError(64, "no digits", "end of text"));
-}
-
-TEST(ParseTest, ValueToStrepPrintsBoolsAsTheirNames) {
-  EXPECT_EQ(Kel::valueToStrep(true) + "/" + Kel::valueToStrep(false), "True/False");
 }
 
 }  // namespace
