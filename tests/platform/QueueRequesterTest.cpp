@@ -1,13 +1,12 @@
 // QueueRequester against a small serializer, the fixture itself: it attaches to the queues in
 // the configuration directory and publishes its status in the status directory.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cstdio>
 #include <map>
 #include <tuple>
 
 #include "Zorvek/QueueRequester.h"
+#include "dal/DalDoubles.h"
 
 namespace {
 
@@ -18,13 +17,7 @@ const PhysicalResourceId kTable(ResourceType::tableResource_, 7);
 const Kel::String kStatusEntry(SerializerStatus::kEntryName);
 
 std::string stateOf(const Requester& r) {
-  FILE* f = std::tmpfile();
-  r.showRequesterState(static_cast<U32>(fileno(f)));
-  std::string text(static_cast<std::size_t>(ftell(f)), '\0');
-  std::rewind(f);
-  text.resize(std::fread(text.data(), 1, text.size(), f));
-  std::fclose(f);
-  return text;
+  return doubles::dumpOf([&](U32 fd) { r.showRequesterState(fd); });
 }
 
 class QueueRequesterTest : public ::testing::Test, public QueueConsumer {
@@ -68,11 +61,9 @@ class QueueRequesterTest : public ::testing::Test, public QueueConsumer {
 TEST_F(QueueRequesterTest, FollowsTheServedQueuesAndRestartCountOfThePublishedStatus) {
   auto r = makeRequester();
   const auto seen = [&] { return std::pair(r->ready(), r->serializerRestartCount()); };
-  EXPECT_EQ(config->entity("a1-s0-Queue"), r->queue());
-  EXPECT_FALSE(r->ready());
+  EXPECT_TRUE(config->entity("a1-s0-Queue") == r->queue() && !r->ready());
   startSerializer();  // finds the queue, attaches, serves it
   EXPECT_TRUE(r->ready());
-  EXPECT_TRUE(makeRequester(8, "a2-s0-Queue")->ready());  // served during construction
   served->servedQueueDel("a1-s0-Queue");
   served->servedQueueIs("a9-s0-Queue");  // another requester's queue
   EXPECT_FALSE(r->ready());
@@ -96,8 +87,9 @@ TEST_F(QueueRequesterTest, CommandsRunWhenWaitedForOrToMakeRoomInAFullQueue) {
   std::vector<S64> indexes;
   for (U8 i = 0; i < 5; ++i) indexes.push_back(writeAt(*r, 0x10u * i, {i, i}));
   EXPECT_THAT(indexes, ElementsAre(1, 2, 3, 4, 5));
-  EXPECT_EQ(executed.size(), 4u);  // drained at the 3rd and 5th
-  EXPECT_EQ(processingStatus->lastEnqueuedCmdIndex(), 5u);
+  // Drained at the 3rd and 5th.
+  EXPECT_EQ(std::pair(executed.size(), processingStatus->lastEnqueuedCmdIndex()),
+            std::pair(std::size_t{4}, U64(5)));
   r->waitForCmdIndex(5);
   EXPECT_EQ(r->queue()->lastCompletedCmdIndex(), 5u);
   // A blocking write and a read run at once.
@@ -108,18 +100,25 @@ TEST_F(QueueRequesterTest, CommandsRunWhenWaitedForOrToMakeRoomInAFullQueue) {
   EXPECT_THAT(data, ElementsAre(4, 4));
 }
 
-TEST_F(QueueRequesterTest, WithoutASerializerResultsAndAFullQueueFail) {
+TEST_F(QueueRequesterTest, WithoutASerializerOrItsDirectoriesResultsAndAFullQueueFail) {
   auto r = makeRequester(2);
   U8 data[2] = {5, 6};
   EXPECT_EQ(r->read(DeviceId(0), kTable, 0, data, 2), -1);
   EXPECT_EQ(r->blockingWrite(oneDeviceMask(DeviceId(0)), kTable, 0, data, nullptr, 2, false), -1);
-  EXPECT_EQ(writeAt(*r, 0, {1}), 1);
-  EXPECT_EQ(writeAt(*r, 8, {2}), 2);
-  EXPECT_EQ(writeAt(*r, 16, {3}), -1);
+  EXPECT_THAT((std::vector{writeAt(*r, 0, {1}), writeAt(*r, 8, {2}), writeAt(*r, 16, {3})}),
+              ElementsAre(1, 2, -1));
   EXPECT_EQ(r->cmdIndex(), 3u);  // failed commands take no index
   startSerializer();
   r->waitForCmdIndex(2);
   EXPECT_EQ(executed.size(), 2u);
+  // Without directories it is never ready.
+  r = Kel::allocate<QueueRequester>("alone", AgentId(1), 8, DalId(0), nullptr, nullptr,
+                                    IoMemType::queueMemory_, nullptr, nullptr, "", "");
+  EXPECT_FALSE(r->ready());
+  EXPECT_EQ(writeAt(*r, 0, {1}), -1);
+  EXPECT_EQ(r->initFreeFromSerializer(DeviceId(0), kTable, nullptr, 4), -1);
+  EXPECT_EQ(r->cmdIndex(), 1u);
+  EXPECT_THAT(stateOf(*r), ::testing::HasSubstr("'queue':None,'serializerStatus':False,"));
 }
 
 TEST_F(QueueRequesterTest, CommandsCarryCopiesMadeAtTheCall) {
@@ -133,24 +132,13 @@ TEST_F(QueueRequesterTest, CommandsCarryCopiesMadeAtTheCall) {
   r->waitForCmdIndex(2);
   ASSERT_EQ(executed.size(), 2u);
   const QueueCommand &w = executed[0], &b = executed[1];
-  EXPECT_EQ(std::tuple(w.command, w.targets, w.reclaimWhenProgrammed),
-            std::tuple(Command::writeCmd_, oneDeviceMask(DeviceId(1)), true));
-  EXPECT_THAT(w.data, ElementsAre(0xAA, 0xBB, 0xCC, 0xDD));
-  EXPECT_THAT(w.dataMask, ElementsAre(0xFF, 0x00, 0x0F, 0xFF));
-  EXPECT_EQ(std::tuple(b.command, b.physAddr, b.entrySize, b.numEntries),
-            std::tuple(Command::bulkWriteCmd_, PhysicalAddr(0x1000), 3u, 2u));
-  EXPECT_THAT(b.data, ElementsAre(1, 2, 3, 4, 5, 6));
-}
-
-TEST_F(QueueRequesterTest, WithoutDirectoriesItIsNeverReadyAndCommandsFail) {
-  auto r = Kel::allocate<QueueRequester>("alone", AgentId(1), 8, DalId(0), nullptr, nullptr,
-                                         IoMemType::queueMemory_, nullptr, nullptr, "", "");
-  U8 buf[4] = {};
-  EXPECT_FALSE(r->ready());
-  EXPECT_EQ(r->write(oneDeviceMask(DeviceId(0)), kTable, 0, buf, nullptr, 4, false), -1);
-  EXPECT_EQ(r->initFreeFromSerializer(DeviceId(0), kTable, nullptr, 4), -1);
-  EXPECT_EQ(r->cmdIndex(), 1u);
-  EXPECT_THAT(stateOf(*r), ::testing::HasSubstr("'queue':None,'serializerStatus':False,"));
+  using Bytes = std::vector<U8>;
+  EXPECT_EQ(std::tuple(w.command, w.targets, w.reclaimWhenProgrammed, w.data, w.dataMask),
+            std::tuple(Command::writeCmd_, oneDeviceMask(DeviceId(1)), true,
+                       Bytes{0xAA, 0xBB, 0xCC, 0xDD}, Bytes{0xFF, 0x00, 0x0F, 0xFF}));
+  EXPECT_EQ(
+      std::tuple(b.command, b.physAddr, b.entrySize, b.numEntries, b.data),
+      std::tuple(Command::bulkWriteCmd_, PhysicalAddr(0x1000), 3u, 2u, Bytes{1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndWatchedCommands) {
