@@ -1,7 +1,6 @@
 #include "Corvane/CoprocessorStatus.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -9,10 +8,7 @@
 namespace Corvane {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-using ::testing::UnorderedElementsAre;
+using namespace ::testing;
 
 // Records every onCoprocessor() with the value the status holds at that moment.
 class Recorder : public CoprocessorStatus::NotifieeConst {
@@ -39,7 +35,7 @@ TEST_F(CoprocessorStatusTest, NotifiesPerNameOnlyOnChange) {
   status->coprocessorDel("cop0");
   status->coprocessorDel("cop0");
   EXPECT_THAT(recorder->calls, ElementsAre("cop0:set", "cop0:set", "cop0:gone"));
-  EXPECT_THAT(status->coprocessorCol(), IsEmpty());
+  EXPECT_TRUE(status->coprocessorCol().empty());
 
   status->coprocessorIs("a", Coprocessor(1, 1));
   status->coprocessorIs("b", Coprocessor(2, 1));
@@ -48,47 +44,35 @@ TEST_F(CoprocessorStatusTest, NotifiesPerNameOnlyOnChange) {
   EXPECT_THAT(recorder->calls, UnorderedElementsAre("a:gone", "b:gone"));
 }
 
-class CoprocessorStatusAttrLogAdapterSmTest : public CoprocessorStatusTest {
- protected:
-  Kel::Ptr<CoprocessorStatusAttrLog> log =
-      Kel::allocate<CoprocessorStatusAttrLog>(Kel::Name("coprocessorStatusAttrLog"));
-  using Sm = CoprocessorStatusAttrLogAdapterSm;
-};
+using CoprocessorStatusAttrLogAdapterSmTest = CoprocessorStatusTest;
 
-TEST_F(CoprocessorStatusAttrLogAdapterSmTest, ReplaysLogThenFollowsAppends) {
+// Replays the log, follows its appends, and once released neither follows nor leaks.
+TEST_F(CoprocessorStatusAttrLogAdapterSmTest, ReplaysLogThenFollowsAppendsUntilReleased) {
+  using Sm = CoprocessorStatusAttrLogAdapterSm;
+  const auto* entityType = Kel::TypeRegistry::type("Kel::Entity");
+  const auto entitiesBefore = entityType->liveCount();
+  auto log = Kel::allocate<CoprocessorStatusAttrLog>(Kel::Name("coprocessorStatusAttrLog"));
   log->setRecordIs("a", Coprocessor(1, 1));
   log->setRecordIs("b", Coprocessor(2, 1));
   log->delRecordIs("a");
   log->delRecordIs("never");  // a delete of an absent name changes nothing
   auto sm = Sm::CoprocessorStatusAttrLogAdapterSmIs(log, status);
   EXPECT_THAT(recorder->calls, ElementsAre("a:set", "b:set", "a:gone"));
-  EXPECT_EQ(sm->recordsApplied(), 4u);
-
   log->setRecordIs("b", Coprocessor(2, 1));  // unchanged value: no notification
   log->setRecordIs("b", Coprocessor(2, 5));
   EXPECT_THAT(recorder->calls, ElementsAre("a:set", "b:set", "a:gone", "b:set"));
   EXPECT_THAT(status->coprocessorCol(), ElementsAre(Pair("b", Coprocessor(2, 5))));
-  EXPECT_EQ(sm->recordsApplied(), 6u);
-}
-
-// The assembly makes the adapter even when the log was not found.
-TEST_F(CoprocessorStatusAttrLogAdapterSmTest, NullLogLeavesStatusAlone) {
-  status->coprocessorIs("a", Coprocessor(1, 1));
-  auto sm = Sm::CoprocessorStatusAttrLogAdapterSmIs(nullptr, status);
-  EXPECT_EQ(sm->recordsApplied(), 0u);
-  EXPECT_EQ(status->coprocessor("a"), Coprocessor(1, 1));
-}
-
-TEST_F(CoprocessorStatusAttrLogAdapterSmTest, ReleasedAdapterStopsFollowingAndFreesReactor) {
-  const auto* entityType = Kel::TypeRegistry::type("Kel::Entity");
-  const auto reactorsBefore = entityType->liveCount();
-  auto sm = Sm::CoprocessorStatusAttrLogAdapterSmIs(log, status);
-  EXPECT_EQ(log->notifiees().size(), 1u);
+  EXPECT_EQ(std::pair(sm->recordsApplied(), log->notifiees().size()),
+            std::pair(std::size_t{6}, std::size_t{1}));
   sm = nullptr;
+  log->setRecordIs("c", Coprocessor(3, 1));
   EXPECT_EQ(log->notifiees().size(), 0u);
-  EXPECT_EQ(entityType->liveCount(), reactorsBefore);
-  log->setRecordIs("a", Coprocessor(1, 1));
-  EXPECT_THAT(recorder->calls, IsEmpty());
+  EXPECT_EQ(recorder->calls.size(), 4u);
+  log = nullptr;
+  EXPECT_EQ(entityType->liveCount(), entitiesBefore);
+  // The assembly makes the adapter even when the log was not found.
+  EXPECT_EQ(Sm::CoprocessorStatusAttrLogAdapterSmIs(nullptr, status)->recordsApplied(), 0u);
+  EXPECT_EQ(status->coprocessor("b"), Coprocessor(2, 5));
 }
 
 TEST(CoprocessorStatusAttrLogAdapterSmDeathTest, NullStatusAborts) {
