@@ -1,7 +1,6 @@
 #include "Zorvek/CacheTable.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <array>
 #include <tuple>
@@ -36,18 +35,16 @@ Bytes entry(const CacheTable& t, DeviceOffset offset) {
 
 TEST(CacheTableTest, EntriesAreAllocatedLazilyInOrderOfFirstUseAndReadBackWhole) {
   auto table = makeTable(4);
-  EXPECT_EQ(table->entryDataPtr(0x100), nullptr);
-  EXPECT_EQ(table->entryIndex(0x100), CacheTable::kNoEntry);
+  EXPECT_TRUE(!table->entryDataPtr(0x100) && table->entryIndex(0x100) == CacheTable::kNoEntry);
   EXPECT_THAT(std::vector(table->initialEntryData(), table->initialEntryData() + kEntrySize),
               Each(0));
   table->entryIs(0x100, table->initialEntryData(), true);
   const Bytes p = pattern(0x20);
   table->entryIs(0x40, p.data(), true);
   table->entryIs(0x100, p.data(), true);  // already in use: refilled, not renumbered
-  EXPECT_EQ(table->entries(), 2u);
-  EXPECT_EQ(table->entryIndex(0x100), 0u);
-  EXPECT_EQ(table->entryIndex(0x40), 1u);
-  EXPECT_EQ(table->entryOffset(1), 0x40u);
+  EXPECT_EQ(std::tuple(table->entries(), table->entryIndex(0x100), table->entryIndex(0x40),
+                       table->entryOffset(1)),
+            std::tuple(2u, 0u, 1u, DeviceOffset(0x40)));
 
   // A read copies the size asked for, and never more than one entry.
   std::array<unsigned char, kEntrySize + 1> out;
@@ -58,51 +55,40 @@ TEST(CacheTableTest, EntriesAreAllocatedLazilyInOrderOfFirstUseAndReadBackWhole)
   EXPECT_THAT(out, ElementsAre(0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0xEE));
 }
 
-// One entry's history: allocated with a hardware-access flag, then written with theirs;
-// allocation alone never makes it eligible.
-using History = std::tuple<bool, std::vector<bool>, bool>;  // (allocation, writes, eligible)
-class CacheTableEligibilityTest : public ::testing::TestWithParam<History> {};
-
-TEST_P(CacheTableEligibilityTest, EligibleOnceWrittenWithHwAccess) {
-  const auto& [allocatedWithHwAccess, writesWithHwAccess, eligible] = GetParam();
-  auto table = makeTable(4);
-  table->entryIs(0x8, table->initialEntryData(), allocatedWithHwAccess);
-  const Bytes p = pattern(3);
-  for (bool hw : writesWithHwAccess) table->writeEntryData(0x8, p.data(), hw);
-  EXPECT_EQ(table->entryOffsetHwWriteEligible(0x8), eligible);
-  EXPECT_FALSE(table->entryOffsetHwWriteEligible(0x10));  // never in use
-}
-
-INSTANTIATE_TEST_SUITE_P(Histories, CacheTableEligibilityTest,
-                         ::testing::Values(History{true, {}, false}, History{true, {false}, false},
-                                           History{false, {true}, true},
-                                           History{false, {true, false}, true}));
-
-class CacheTableRestartTest : public ::testing::TestWithParam<bool> {};
-
-TEST_P(CacheTableRestartTest, ColdRestartForgetsEntriesWarmKeepsThem) {
-  const bool cold = GetParam();
-  auto table = makeTable(100);
-  const std::size_t emptyBytes = table->memoryBytes();
-  const Bytes p = pattern(9);
-  table->entryIs(0x30, p.data(), true);
-  table->writeEntryData(0x30, p.data(), true);
-  table->doRestart(cold);
-  EXPECT_EQ(table->restarts(), 1u);
-  EXPECT_EQ(table->coldStart(), cold);
-  EXPECT_EQ(table->entries(), cold ? 0u : 1u);
-  EXPECT_EQ(table->entryOffsetHwWriteEligible(0x30), !cold);
-  if (!cold) {
-    EXPECT_EQ(entry(*table, 0x30), p);
-    return;
+// An entry allocated with a hardware-access flag, then written with theirs, is eligible once
+// written with hardware access; allocation alone never makes it eligible.
+TEST(CacheTableTest, EligibleOnceWrittenWithHwAccess) {
+  for (const auto& [allocatedWithHwAccess, writesWithHwAccess, eligible] :
+       std::vector<std::tuple<bool, std::vector<bool>, bool>>{{true, {}, false},
+                                                              {true, {false}, false},
+                                                              {false, {true}, true},
+                                                              {false, {true, false}, true}}) {
+    auto table = makeTable(4);
+    table->entryIs(0x8, table->initialEntryData(), allocatedWithHwAccess);
+    for (bool hw : writesWithHwAccess) table->writeEntryData(0x8, pattern(3).data(), hw);
+    EXPECT_EQ(table->entryOffsetHwWriteEligible(0x8), eligible);
+    EXPECT_FALSE(table->entryOffsetHwWriteEligible(0x10));  // never in use
   }
-  EXPECT_EQ(table->entryDataPtr(0x30), nullptr);
-  EXPECT_EQ(table->memoryBytes(), emptyBytes);
-  table->entryIs(0x50, p.data(), true);
-  EXPECT_EQ(table->entryIndex(0x50), 0u);  // numbering starts again
 }
 
-INSTANTIATE_TEST_SUITE_P(ColdAndWarm, CacheTableRestartTest, ::testing::Bool());
+// A warm restart keeps entries and their eligibility; a cold one forgets them, returns their
+// memory and numbers entries from 0 again.
+TEST(CacheTableTest, ColdRestartForgetsEntriesWarmKeepsThem) {
+  for (const bool cold : {false, true}) {
+    auto table = makeTable(100);
+    const std::size_t emptyBytes = table->memoryBytes();
+    table->entryIs(0x30, pattern(9).data(), true);
+    table->writeEntryData(0x30, pattern(9).data(), true);
+    table->doRestart(cold);
+    EXPECT_EQ(
+        std::tuple(table->restarts(), table->coldStart(), table->entries(),
+                   table->entryOffsetHwWriteEligible(0x30), table->memoryBytes() == emptyBytes),
+        std::tuple(1u, cold, cold ? 0u : 1u, !cold, cold));
+    table->entryIs(0x50, pattern(1).data(), true);
+    EXPECT_EQ(std::pair(table->entryIndex(0x50), entry(*table, 0x30 + (cold ? 0x20 : 0))),
+              std::pair(cold ? 0u : 1u, cold ? pattern(1) : pattern(9)));
+  }
+}
 
 // Entries keep their data where it is as the table grows, and cost at most 32 bytes each
 // beyond their data, also just after the offset index doubled (12289 entries: the index is
@@ -140,6 +126,7 @@ TEST(CacheTableDeathTest, BrokenPreconditionsAbort) {
                "Assertion failed: entryIndex\\( offset \\) != kNoEntry");
   EXPECT_DEATH(table->readEntryData(0x10, out.data(), kEntrySize),
                "Assertion failed: entryIndex\\( offset \\) != kNoEntry");
+  EXPECT_DEATH(table->entryOffset(2), "Assertion failed: entryIndex < entries\\(\\)");
   EXPECT_DEATH(makeTable(2, 0), "Assertion failed: entrySize > 0");
 }
 
