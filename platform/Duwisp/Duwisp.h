@@ -92,33 +92,29 @@ KEL_EXPORT void emitValues(const Kwisp::Descriptor& d, const Kwisp::Value* value
 
 }  // namespace detail
 
-// Converts the arguments and hands them to `sink` (both sinks, or the ring only).
+// Writes each sink of `d` that is on at its level.
 template <class... A>
-void convertTo(void (*sink)(const Kwisp::Descriptor&, const Kwisp::Value*, std::size_t),
-               const Kwisp::Descriptor& d, const A&... args) {
+void emit(const Kwisp::Descriptor& d, const A&... args) {
   if constexpr (sizeof...(A) == 0) {
-    sink(d, nullptr, 0);
+    detail::emitValues(d, nullptr, 0);
   } else {
     const std::tuple<detail::Arg<std::remove_cvref_t<A>>...> held(args...);
     std::apply(
         [&](const auto&... arg) {
           const Kwisp::Value values[] = {arg.value()...};
-          sink(d, values, sizeof...(A));
+          detail::emitValues(d, values, sizeof...(A));
         },
         held);
   }
 }
 
-// Writes each sink of `d` that is on at its level.
-template <class... A>
-void emit(const Kwisp::Descriptor& d, const A&... args) {
-  convertTo(&detail::emitValues, d, args...);
-}
-
-// Writes the ring record of `d` only.
+// Writes the ring record of `d` only, each argument encoded straight into the slot: the
+// kind of every argument is known here, so nothing is tested for it at run time.
 template <class... A>
 void record(const Kwisp::Descriptor& d, const A&... args) {
-  convertTo(&Kwisp::record, d, args...);
+  const std::tuple<detail::Arg<std::remove_cvref_t<A>>...> held(args...);
+  Kwisp::RecordWriter w(d);
+  std::apply([&](const auto&... arg) { (w.add(arg.value()), ...); }, held);
 }
 
 }  // namespace Duwisp

@@ -280,40 +280,20 @@ Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const cha
 
 std::uint64_t clockTicks() { return readClock(); }
 
-void record(const Descriptor& d, const Value* values, std::size_t count) {
+RecordWriter::RecordWriter(const Descriptor& d) {
   Ring& r = ring();
-  unsigned char* const s = r.cursor;
-  r.cursor = s + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : s + kSlotBytes;
-  const std::uint64_t seq = r.next++;
-  put<std::uint64_t>(s + 8, readClock());
-  put<std::uint32_t>(s + 16, d.id());
-  unsigned char* p = s + kHeaderBytes;
-  unsigned char* const end = s + kSlotBytes;
-  unsigned char flags = 0;
-  std::size_t argc = 0;
-  for (; argc < count && argc < 255; ++argc) {
-    const Value& v = values[argc];
-    if (v.tag == Tag::string) {
-      if (end - p < 2) break;
-      const std::size_t room = std::min<std::size_t>(end - p - 2, 255);
-      const std::size_t len = std::min(v.text.size(), room);
-      if (len < v.text.size()) flags |= 1;
-      *p++ = static_cast<unsigned char>(v.tag);
-      *p++ = static_cast<unsigned char>(len);
-      std::memcpy(p, v.text.data(), len);
-      p += len;
-    } else {
-      if (end - p < 9) break;
-      *p++ = static_cast<unsigned char>(v.tag);
-      put<std::uint64_t>(p, v.bits);
-      p += 8;
-    }
-  }
-  if (argc < count) flags |= 1;
-  s[20] = static_cast<unsigned char>(argc);
-  s[21] = flags;
-  put<std::uint16_t>(s + 22, static_cast<std::uint16_t>(p - (s + kHeaderBytes)));
-  put<std::uint64_t>(s, seq + 1);
+  slot_ = r.cursor;
+  r.cursor =
+      slot_ + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : slot_ + kSlotBytes;
+  sequence_ = r.next++;
+  put<std::uint64_t>(slot_ + 8, readClock());
+  put<std::uint32_t>(slot_ + 16, d.id());
+  p_ = slot_ + kHeaderBytes;
+}
+
+void record(const Descriptor& d, const Value* values, std::size_t count) {
+  RecordWriter w(d);
+  for (std::size_t i = 0; i < count; ++i) w.add(values[i]);
 }
 
 std::string render(std::string_view format, const Value* values, std::size_t count) {

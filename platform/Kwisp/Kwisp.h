@@ -30,8 +30,10 @@
 // Records are written from the agent's activity thread only.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -91,7 +93,61 @@ class KEL_EXPORT DecodeError : public std::runtime_error {
 // clock in nanoseconds.
 KEL_EXPORT std::uint64_t clockTicks();
 
-// Appends one record to the ring, overwriting the oldest when the ring is full.
+// Writes one record straight into its slot: making the writer claims the next slot (the
+// oldest record goes when the ring is full) and stamps it; each argument is encoded as it is
+// added; the header is completed, and the record published, when the writer goes. From the
+// first argument that does not fit on, arguments are dropped and the record is flagged as
+// truncated; a string is cut to the room left (flagged too). Every argument takes at least
+// two bytes, so a slot never holds more than its one-byte argument count can say.
+class KEL_EXPORT RecordWriter {
+ public:
+  explicit RecordWriter(const Descriptor& d);
+  ~RecordWriter() {
+    slot_[20] = argc_;
+    slot_[21] = flags_;
+    const auto used = static_cast<std::uint16_t>(p_ - (slot_ + kHeaderBytes));
+    std::memcpy(slot_ + 22, &used, sizeof used);
+    const std::uint64_t published = sequence_ + 1;
+    std::memcpy(slot_, &published, sizeof published);
+  }
+  RecordWriter(const RecordWriter&) = delete;
+  RecordWriter& operator=(const RecordWriter&) = delete;
+
+  void number(Tag tag, std::uint64_t bits) {
+    if (full_ || slot_ + kSlotBytes - p_ < 9) return drop();
+    *p_++ = static_cast<unsigned char>(tag);
+    std::memcpy(p_, &bits, sizeof bits);
+    p_ += sizeof bits;
+    ++argc_;
+  }
+  void text(std::string_view s) {
+    if (full_ || slot_ + kSlotBytes - p_ < 2) return drop();
+    const std::size_t room = std::min<std::size_t>(slot_ + kSlotBytes - p_ - 2, 255);
+    const std::size_t len = std::min(s.size(), room);
+    if (len < s.size()) flags_ |= kTruncated;
+    *p_++ = static_cast<unsigned char>(Tag::string);
+    *p_++ = static_cast<unsigned char>(len);
+    std::memcpy(p_, s.data(), len);
+    p_ += len;
+    ++argc_;
+  }
+  void add(const Value& v) { v.tag == Tag::string ? text(v.text) : number(v.tag, v.bits); }
+
+ private:
+  static constexpr unsigned char kTruncated = 1;
+  void drop() {
+    full_ = true;
+    flags_ |= kTruncated;
+  }
+  unsigned char* slot_;
+  unsigned char* p_;
+  std::uint64_t sequence_;
+  unsigned char argc_ = 0;
+  unsigned char flags_ = 0;
+  bool full_ = false;
+};
+
+// Appends one record of these values to the ring.
 KEL_EXPORT void record(const Descriptor& d, const Value* values, std::size_t count);
 
 // The text of a format with its arguments: "%x" prints an integer in hexadecimal, "%s" an
