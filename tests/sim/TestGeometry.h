@@ -24,15 +24,10 @@
 
 namespace sim::test {
 
-constexpr PhysicalResourceId kRoute0{ResourceType::tableResource_, 0x10};
-constexpr PhysicalResourceId kRoute1{ResourceType::tableResource_, 0x11};
-constexpr PhysicalResourceId kHashed{ResourceType::tableResource_, 0x20};
-constexpr PhysicalResourceId kCtrl{ResourceType::registerResource_, 0x1};
-constexpr PhysicalResourceId kStat{ResourceType::registerResource_, 0x2};
-constexpr DeviceOffset kRoute1Base = 64;
-constexpr DeviceOffset kHashedBase = 128;
-constexpr DeviceOffset kCtrlBase = 152;
-constexpr DeviceOffset kStatBase = 156;
+constexpr PhysicalResourceId kRoute0{ResourceType::tableResource_, 0x10},
+    kRoute1{ResourceType::tableResource_, 0x11}, kHashed{ResourceType::tableResource_, 0x20},
+    kCtrl{ResourceType::registerResource_, 0x1}, kStat{ResourceType::registerResource_, 0x2};
+constexpr DeviceOffset kRoute1Base = 64, kHashedBase = 128, kCtrlBase = 152, kStatBase = 156;
 constexpr U32 kSpaceBytes = 164;
 
 // A memory entry of the route table.
