@@ -4,7 +4,6 @@
 // the requester follows makes the DAL replay its shadow, and the chip then holds exactly
 // what the agent wrote, masks applied.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <map>
 #include <vector>
@@ -37,8 +36,7 @@ class RemoteReplayTest : public ::testing::Test, public SerializerBench {
     helper->deviceIs(kDev0, chip->geometry());
     dal = Zorvek::requesterDalRemoteFactory("a7-s1-Queue", queue, masks);
     dal->helperIs(helper);
-    dal->remoteResourceIs(kRoute0, true);
-    dal->remoteResourceIs(kHashed, true);
+    for (const PhysicalResourceId& table : {kRoute0, kHashed}) dal->remoteResourceIs(table, true);
     dal->initLocalCache(kDev0, true);
   }
 
