@@ -280,16 +280,19 @@ Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const cha
 
 std::uint64_t clockTicks() { return readClock(); }
 
-RecordWriter::RecordWriter(const Descriptor& d) {
+namespace detail {
+
+Claim claimSlot(std::uint32_t id) {
   Ring& r = ring();
-  slot_ = r.cursor;
+  unsigned char* const slot = r.cursor;
   r.cursor =
-      slot_ + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : slot_ + kSlotBytes;
-  sequence_ = r.next++;
-  put<std::uint64_t>(slot_ + 8, readClock());
-  put<std::uint32_t>(slot_ + 16, d.id());
-  p_ = slot_ + kHeaderBytes;
+      slot + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : slot + kSlotBytes;
+  put<std::uint64_t>(slot + 8, readClock());
+  put<std::uint32_t>(slot + 16, id);
+  return {slot, r.next++};
 }
+
+}  // namespace detail
 
 void record(const Descriptor& d, const Value* values, std::size_t count) {
   RecordWriter w(d);

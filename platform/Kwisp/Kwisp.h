@@ -99,9 +99,24 @@ KEL_EXPORT std::uint64_t clockTicks();
 // first argument that does not fit on, arguments are dropped and the record is flagged as
 // truncated; a string is cut to the room left (flagged too). Every argument takes at least
 // two bytes, so a slot never holds more than its one-byte argument count can say.
-class KEL_EXPORT RecordWriter {
+namespace detail {
+// The next slot, claimed and stamped for a record of descriptor `id`, and its sequence number.
+struct Claim {
+  unsigned char* slot;
+  std::uint64_t sequence;
+};
+KEL_EXPORT Claim claimSlot(std::uint32_t id);
+}  // namespace detail
+
+class RecordWriter {
  public:
-  explicit RecordWriter(const Descriptor& d);
+  // Inline, so that the writer's state stays in registers while the arguments go in.
+  explicit RecordWriter(const Descriptor& d) {
+    const detail::Claim c = detail::claimSlot(d.id());
+    slot_ = c.slot;
+    sequence_ = c.sequence;
+    p_ = slot_ + kHeaderBytes;
+  }
   ~RecordWriter() {
     slot_[20] = argc_;
     slot_[21] = flags_;
