@@ -92,7 +92,7 @@ TEST_F(PtrTest, CopyMoveAndConvertShareOneCount) {
 
 using EntityTest = EntityFixture;
 
-TEST_F(EntityTest, LiveCountIsKeptPerMostDerivedType) {
+TEST_F(EntityTest, LiveCountIsKeptPerMostDerivedTypeAndUnknownAttributesAreErrors) {
   const std::int64_t widgets = Widget::staticType().liveCount();
   const std::uint64_t gadgets = Gadget::staticType().allocatedCount();
   std::vector<Kel::Ptr<Widget>> held{Kel::allocate<Widget>(&destroyed),
@@ -106,9 +106,6 @@ TEST_F(EntityTest, LiveCountIsKeptPerMostDerivedType) {
   // Registration is idempotent; load-time order is checked on the DAL's own types.
   EXPECT_EQ(&Kel::TypeRegistry::registerType("KelTest::Widget"), &Widget::staticType());
   EXPECT_EQ(Kel::TypeRegistry::type("KelTest::Unregistered"), nullptr);
-}
-
-TEST_F(EntityTest, UnknownAttributeIsAnError) {
   Kel::Ptr<Gadget> g = Kel::allocate<Gadget>(&destroyed);
   std::string value = "unchanged";
   EXPECT_TRUE(!g->attribute("colour", value) && value == "unchanged");

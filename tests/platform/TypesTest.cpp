@@ -41,16 +41,13 @@ TEST(ResourceIdTest, HashIsOneAtATimeOverTypeThenId) {
   }
 }
 
-TEST(ResourceIdTest, OrdersByTypeFirstThenId) {
+TEST(ResourceIdTest, OrdersByTypeFirstThenIdAndStreamsItsText) {
   const PhysicalResourceId table8(ResourceType::tableResource_, 8), table9(table8.type(), 9),
       register1(ResourceType::registerResource_, 1), register9(register1.type(), 9);
   EXPECT_TRUE(table9 < register1 && !(register1 < table9) && !(table9 < table9) &&
               table8 < table9 && table9 != register9);
   EXPECT_TRUE(PhysicalTableId(3) < PhysicalTableId(4) && PhysicalResourceId().isNull());
-}
-
-// Each text after "|"; a resource id leaves the stream in decimal.
-TEST(ResourceIdTest, StreamTexts) {
+  // Each text after "|"; a resource id leaves the stream in decimal.
   std::ostringstream os;
   os << PhysicalResourceId(ResourceType::tableResource_, 0xab12) << "|"
      << PhysicalResourceId(ResourceType::registerResource_, 255) << 10 << "|"
@@ -63,15 +60,12 @@ TEST(ResourceIdTest, StreamTexts) {
   EXPECT_EQ(std::pair(U32(bulkWriteCmd()), U32(bulkReadCmd())), std::pair(2u, 3u));
 }
 
-TEST(DeviceIdTest, NullDeviceIsTheLastAcceptedValue) {
+TEST(TargetMaskTest, NullDeviceIsTheLastAcceptedValueAndMasksCountTargets) {
   EXPECT_TRUE(DeviceId(128).isNull() && !DeviceId(127).isNull());
   for (unsigned v : {129u, 255u, 256u})
     EXPECT_THAT([v] { (void)DeviceId(v); },
                 ThrowsMessage<Corvane::FapIdRangeError>(
                     StrEq("FapId::value < FapId::min or > FapId::null not allowed")));
-}
-
-TEST(TargetMaskTest, CountsTargetsAndFindsTheFirstDevice) {
   TargetMask m;
   EXPECT_TRUE(m.firstDevice().isNull());
   m.targetIdIs(TargetId(125), true);  // an alias: only into an empty mask, only out of one
