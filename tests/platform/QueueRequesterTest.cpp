@@ -141,8 +141,12 @@ TEST_F(QueueRequesterTest, CommandsCarryCopiesMadeAtTheCall) {
       std::tuple(Command::bulkWriteCmd_, PhysicalAddr(0x1000), 3u, 2u, Bytes{1, 2, 3, 4, 5, 6}));
 }
 
-TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndWatchedCommands) {
+// The state, then going away with a command still in the queue: the queue is withdrawn and
+// everything freed.
+TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndGoingAwayFreesEverything) {
   startSerializer();
+  const auto requesters = QueueRequester::staticType().liveCount();
+  const auto queues = RequesterQueue::staticType().liveCount();
   auto r = makeRequester(4);
   watchList->watchIs(DeviceId(0), kTable);
   writeAt(*r, 0x8, {1, 2});
@@ -157,13 +161,7 @@ TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndWatchedCommands) 
             "'kickName':'Kick-a1-s0-Requester','watchLog':{'recorded':1,'records':{'0':{"
             "'cmdIndex':1,'command':'write','device':0,'resourceType':'tableResource',"
             "'resourceId':0x7,'offset':0x8,'size':2,},},},");
-}
-
-TEST_F(QueueRequesterTest, GoingAwayWithdrawsTheQueueAndFreesEverything) {
-  startSerializer();
-  const auto requesters = QueueRequester::staticType().liveCount();
-  const auto queues = RequesterQueue::staticType().liveCount();
-  writeAt(*makeRequester(), 0, {1});  // left waiting in the queue
+  r = nullptr;
   EXPECT_EQ(config->entity("a1-s0-Queue"), nullptr);
   EXPECT_TRUE(served->servedQueues().empty() && attacher->queues().empty());
   EXPECT_EQ(QueueRequester::staticType().liveCount(), requesters);
