@@ -65,7 +65,7 @@ TEST(TraceHandleDeathTest, StarNamesEveryHandle) {
         std::fprintf(stderr, "levels %x %x\n", before.levels(), after.levels());
         std::exit(0);
       },
-      ::testing::ExitedWithCode(0), "levels 8 8");
+      ExitedWithCode(0), "levels 8 8");
 }
 
 // The sink writes each line to the trace file at once; a capture (which takes the lines
@@ -152,7 +152,7 @@ TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
   const std::vector<std::string> lines = Kwisp::decode();
   const std::uint64_t decodedAt = steadyNanoseconds();
   ASSERT_EQ(lines.size(), 4u);
-  EXPECT_THAT(lines[0], ::testing::MatchesRegex("2 [0-9]+\\.[0-9]{9} .*"));
+  EXPECT_THAT(lines[0], MatchesRegex("2 [0-9]+\\.[0-9]{9} .*"));
   const std::vector<std::uint64_t> when = stamps(lines);
   EXPECT_TRUE(std::is_sorted(when.begin(), when.end()) && when.front() >= start &&
               when.back() <= decodedAt);
@@ -249,9 +249,8 @@ TEST_F(DuwispTest, WritesEachSinkOnAtTheLevelAndBuildsNothingOtherwise) {
     DUWISP_TRACE(th(), 5, "c=%s x=%x b=%s", Counted{7}, 255u, true);
     DUWISP_TRACE(th(), 6, "never %s", Counted{8});
     EXPECT_THAT(capture.records(),
-                ::testing::AllOf(::testing::SizeIs(text),
-                                 ::testing::Each(FieldsAre("TraceTestPoint", 5u, "TraceTest.cpp",
-                                                           line, "TestBody", message))));
+                AllOf(SizeIs(text), Each(FieldsAre("TraceTestPoint", 5u, "TraceTest.cpp", line,
+                                                   "TestBody", message))));
     EXPECT_EQ(decoded(), std::vector<std::string>(
                              ring, "0 TraceTestPoint/5 TraceTest.cpp:" + std::to_string(line) +
                                        " TestBody: " + message));
