@@ -98,11 +98,10 @@ TEST_P(AssembledTreeRouteTest, WriteReachesTheOwnersPartOfTheChip) {
 
 // The low nibble of byte 7 and bytes 8 on of a host entry are another agent's.
 const Bytes kMaskedHost{0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xA0, 0, 0, 0, 0, 0, 0, 0, 0};
-INSTANTIATE_TEST_SUITE_P(
-    Routes, AssembledTreeRouteTest,
-    ::testing::Values(Route{kHost, 5, Bytes(16, 0xAB), "l2ser", kMaskedHost},
-                      Route{kAcl + 1, 2, Bytes(16, 0x3D), "aclser", Bytes(16, 0x3D)},
-                      Route{kRoute, 7, Bytes(8, 0x77), nullptr, Bytes(8, 0x77)}));
+INSTANTIATE_TEST_SUITE_P(Routes, AssembledTreeRouteTest,
+                         Values(Route{kHost, 5, Bytes(16, 0xAB), "l2ser", kMaskedHost},
+                                Route{kAcl + 1, 2, Bytes(16, 0x3D), "aclser", Bytes(16, 0x3D)},
+                                Route{kRoute, 7, Bytes(8, 0x77), nullptr, Bytes(8, 0x77)}));
 
 // (XP_SKIP_HW_ACCESS, XP_COHABITING_TEST (null: unset), whether the writes count as enqueued):
 // with hardware access off nothing is enqueued, unless a cohabiting test fakes the progress.
@@ -133,8 +132,8 @@ TEST_P(AssembledTreeTrackingTest, ReportsWhatEachDalEnqueuedInTheInterval) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, AssembledTreeTrackingTest,
-                         ::testing::Values(Tracking{nullptr, nullptr, true},
-                                           Tracking{"", nullptr, false}, Tracking{"", "", true}));
+                         Values(Tracking{nullptr, nullptr, true}, Tracking{"", nullptr, false},
+                                Tracking{"", "", true}));
 
 // Each variable as the whole tree sees it, with l2ser not up yet: a write to l2ser's vlan
 // table and one to the unowned route table, read back afterwards. (variable, value (null:
@@ -163,11 +162,11 @@ TEST_P(AssembledTreeEnvTest, ChangesWhereWritesGo) {
 
 INSTANTIATE_TEST_SUITE_P(
     Variables, AssembledTreeEnvTest,
-    ::testing::Values(Env{"XP_SKIP_HW_ACCESS", nullptr, false, 1, true, false},
-                      Env{"XP_SKIP_HW_ACCESS", "", false, 0, false, true},
-                      // No remote DAL: the S-channel carries the vlan write; nothing waits.
-                      Env{"XP_FORCE_LOCAL_SHADOW_ACCESS", "1", true, 0, true, true},
-                      Env{"SIMULATION_VMID", "3", false, 1, true, false}));
+    Values(Env{"XP_SKIP_HW_ACCESS", nullptr, false, 1, true, false},
+           Env{"XP_SKIP_HW_ACCESS", "", false, 0, false, true},
+           // No remote DAL: the S-channel carries the vlan write; nothing waits.
+           Env{"XP_FORCE_LOCAL_SHADOW_ACCESS", "1", true, 0, true, true},
+           Env{"SIMULATION_VMID", "3", false, 1, true, false}));
 
 using AssembledTreeDeathTest = AssembledTreeTest;
 
