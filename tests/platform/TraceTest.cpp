@@ -1,4 +1,4 @@
-// Tracing: trace handles and their level specs, the text sink and its capture, the Kwisp ring
+// Tracing: trace handles and their level strings, the text sink and its capture, the Kwisp ring
 // (render, decode, dump files and their corruption) and Duwisp trace points over both sinks.
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -37,13 +37,13 @@ Kel::TraceHandle& th() {
   return h;
 }
 
-// Bad specs throw and change nothing; good ones also reach handles created later.
-TEST(TraceHandleTest, SpecsSetTheLevelsOfNamedHandlesNowAndLater) {
+// Bad level strings throw and change nothing; good ones also reach handles created later.
+TEST(TraceHandleTest, LevelStringsSetTheLevelsOfNamedHandlesNowAndLater) {
   Kel::TraceHandle a("TraceTestA"), b("TraceTestB"), c("TraceTestC"), d("TraceTestD");
-  for (const char* spec : {"/3", "TraceTestD/", "TraceTestD/x", "TraceTestD/10", "TraceTestD/5-3",
-                           "TraceTestD/1/2", "TraceTestD/0-", "TraceTestD/3,/4"}) {
-    EXPECT_THROW(Kel::traceLevelsIs(spec), std::invalid_argument) << spec;
-    EXPECT_THROW(Kel::ringLevelsIs(spec), std::invalid_argument) << spec;
+  for (const char* levels : {"/3", "TraceTestD/", "TraceTestD/x", "TraceTestD/10", "TraceTestD/5-3",
+                             "TraceTestD/1/2", "TraceTestD/0-", "TraceTestD/3,/4"}) {
+    EXPECT_THROW(Kel::traceLevelsIs(levels), std::invalid_argument) << levels;
+    EXPECT_THROW(Kel::ringLevelsIs(levels), std::invalid_argument) << levels;
   }
   Kel::traceLevelsIs("TraceTestA/2-4,,TraceTestB/8");
   Kel::ringLevelsIs("TraceTestC");  // a bare name means every level
@@ -54,7 +54,7 @@ TEST(TraceHandleTest, SpecsSetTheLevelsOfNamedHandlesNowAndLater) {
   EXPECT_TRUE(Kel::traceHandle("TraceTestC") == &c && !Kel::traceHandle("TraceTestNone"));
 }
 
-// Specs stay in force for every handle created later in the process, so "*" is tried in a
+// Level strings stay in force for every handle created later in the process, so "*" is tried in a
 // child process.
 TEST(TraceHandleDeathTest, StarNamesEveryHandle) {
   EXPECT_EXIT(
