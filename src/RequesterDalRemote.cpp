@@ -149,10 +149,9 @@ void RequesterDalRemote::maybeAllocateLocalShadowEntry(const CacheTableIndex& ta
   maybeAllocateLocalShadowEntry(localCacheOrInit(tableIndex), tableIndex, offset, size);
 }
 
-void RequesterDalRemote::maybeAllocateLocalShadowEntry(CacheTable& lCache,
-                                                       const CacheTableIndex& tableIndex,
-                                                       DeviceOffset offset, U32 size) {
-  if (lCache.entryDataPtr(offset)) return;
+void RequesterDalRemote::allocateLocalShadowEntry(CacheTable& lCache,
+                                                  const CacheTableIndex& tableIndex,
+                                                  DeviceOffset offset, U32 size) {
   DUWISP_TRACE(th(), 5,
                "maybeAllocateLocalShadowEntry %s tableIndex resource type %s id 0x%x offset 0x%x "
                "size %s",

@@ -39,20 +39,6 @@ void CacheTable::entryIs(DeviceOffset offset, const unsigned char* data, bool) {
   std::memcpy(this->data(index), data, entrySize_);
 }
 
-void CacheTable::writeEntryData(DeviceOffset offset, const unsigned char* data,
-                                bool hwAccessAllowed) {
-  KEL_ASSERT(data);
-  const U32 index = usedEntryIndex(offset);
-  std::memcpy(this->data(index), data, entrySize_);
-  if (hwAccessAllowed)
-    chunks_[index / kEntriesPerChunk]->eligible |= U64{1} << (index % kEntriesPerChunk);
-}
-
-void CacheTable::readEntryData(DeviceOffset offset, unsigned char* data, U32 size) const {
-  const U32 index = usedEntryIndex(offset);
-  std::memcpy(data, this->data(index), std::min(size, entrySize_));
-}
-
 bool CacheTable::entryOffsetHwWriteEligible(DeviceOffset offset) const {
   const U32 index = entryIndex(offset);
   if (index == kNoEntry) return false;
@@ -102,12 +88,6 @@ U32 CacheTable::allocate(DeviceOffset offset) {
   slots_[slotFor(offset)] = Slot{offset, index};
   lastOffset_ = offset;
   lastIndex_ = index;
-  return index;
-}
-
-U32 CacheTable::usedEntryIndex(DeviceOffset offset) const {
-  const U32 index = entryIndex(offset);
-  KEL_ASSERT_TEXT(index != kNoEntry, "entryIndex( offset ) != kNoEntry");
   return index;
 }
 

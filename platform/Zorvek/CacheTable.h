@@ -33,10 +33,13 @@
 // Used from the agent's activity thread only.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <vector>
 
+#include "Kel/Assert.h"
 #include "Kel/Entity.h"
 #include "Zorvek/Types.h"
 
@@ -91,9 +94,19 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   void entryIs(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed);
   // Copies a whole entry in; the entry must be in use (asserts "entryIndex( offset ) !=
   // kNoEntry"). With hwAccessAllowed the entry becomes hardware-write eligible.
-  void writeEntryData(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed);
+  // Every shadow access ends here, so both copies are inline.
+  void writeEntryData(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed) {
+    KEL_ASSERT(data);
+    const U32 index = usedEntryIndex(offset);
+    std::memcpy(this->data(index), data, entrySize_);
+    if (hwAccessAllowed)
+      chunks_[index / kEntriesPerChunk]->eligible |= U64{1} << (index % kEntriesPerChunk);
+  }
   // Copies min(size, entrySize()) bytes of the entry out; the entry must be in use.
-  void readEntryData(DeviceOffset offset, unsigned char* data, U32 size) const;
+  void readEntryData(DeviceOffset offset, unsigned char* data, U32 size) const {
+    const U32 index = usedEntryIndex(offset);
+    std::memcpy(data, this->data(index), std::min(size, entrySize_));
+  }
   // True when the entry is in use and eligible for a hardware write (a replay).
   bool entryOffsetHwWriteEligible(DeviceOffset offset) const;
 
@@ -141,7 +154,11 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   void growIndex();
   U32 allocate(DeviceOffset offset);
   // The index of an entry that must be in use.
-  U32 usedEntryIndex(DeviceOffset offset) const;
+  U32 usedEntryIndex(DeviceOffset offset) const {
+    const U32 index = entryIndex(offset);
+    KEL_ASSERT_TEXT(index != kNoEntry, "entryIndex( offset ) != kNoEntry");
+    return index;
+  }
   unsigned char* data(U32 index) const {
     return chunks_[index / kEntriesPerChunk]->data.get() +
            std::size_t{index % kEntriesPerChunk} * entrySize_;

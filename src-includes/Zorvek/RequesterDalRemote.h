@@ -105,9 +105,14 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
   // The local cache of the index, created by initOneLocalCache (with the last coldStart)
   // when absent; asserts "lCache".
   CacheTable& localCacheOrInit(const CacheTableIndex& tableIndex);
-  // maybeAllocateLocalShadowEntry on the table already found for the index.
+  // maybeAllocateLocalShadowEntry on the table already found for the index. Every access
+  // but the first to an entry finds it in use, which is answered here without a call.
   void maybeAllocateLocalShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex,
-                                     DeviceOffset offset, U32 size);
+                                     DeviceOffset offset, U32 size) {
+    if (!lCache.entryDataPtr(offset)) allocateLocalShadowEntry(lCache, tableIndex, offset, size);
+  }
+  void allocateLocalShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex,
+                                DeviceOffset offset, U32 size);
   void pushTable(const CacheTable& table, void* optArg);
 
   Kel::Ptr<ResourceIdToDataMaskMap> resourceIdToDataMaskMap_;
