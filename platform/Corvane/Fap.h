@@ -52,12 +52,7 @@ class Fapmask {
 
   // Number of devices in the mask.
   constexpr unsigned fapIds() const noexcept {
-    unsigned n = 0;
-    // Masks are mostly one device, and a population count may be a library call on this
-    // target: clearing the lowest set bit until none is left costs a step per device.
-    for (std::uint32_t w : words_)
-      for (; w; w &= w - 1) ++n;
-    return n;
+    return devices(words_[0]) + devices(words_[1]) + devices(words_[2]) + devices(words_[3]);
   }
   constexpr bool fapId(FapId f) const noexcept {
     return f.value() < 128 && ((words_[f.value() / 32] >> (f.value() % 32)) & 1u);
@@ -85,6 +80,14 @@ class Fapmask {
   friend constexpr bool operator==(const Fapmask&, const Fapmask&) noexcept = default;
 
  private:
+  // Masks are mostly one device, and a population count may be a library call on this
+  // target: clearing the lowest set bit until none is left costs a step per device.
+  static constexpr unsigned devices(std::uint32_t w) noexcept {
+    unsigned n = 0;
+    for (; w; w &= w - 1) ++n;
+    return n;
+  }
+
   std::array<std::uint32_t, 4> words_;
 };
 
