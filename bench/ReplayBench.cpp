@@ -4,7 +4,8 @@
 //   queue: the requester the replay really talks to, a QueueRequester whose queue (1024
 //          commands) is drained into a serializer that discards what it runs;
 //   index: a requester that only hands out command indexes, so that the ratio shows the
-//          replay's own work per entry.
+//          replay's own work per entry (a reference: its baseline is a call that does
+//          nothing a replay could skip, so it has no goal).
 #include "BenchSupport.h"
 #include "Orv/WatchList.h"
 #include "Zorvek/CacheTable.h"
@@ -91,5 +92,5 @@ int main(int argc, char** argv) {
        {"Replay/index/directWrites", [](benchmark::State& s) { directWrites(s, false); }},
        {"Replay/index/pushLocalCache", [](benchmark::State& s) { replay(s, false); }}},
       {{"Replay/queue/pushLocalCache", "Replay/queue/directWrites", 1.5, bench::kHostEntries},
-       {"Replay/index/pushLocalCache", "Replay/index/directWrites", 1.5, bench::kHostEntries}});
+       {"Replay/index/pushLocalCache", "Replay/index/directWrites", 0, bench::kHostEntries}});
 }
