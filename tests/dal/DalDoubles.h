@@ -24,6 +24,7 @@
 namespace Zorvek::doubles {
 
 using Lines = std::vector<std::pair<unsigned, std::string>>;
+using Rid = const PhysicalResourceId&;
 
 constexpr PhysicalResourceId kTable{ResourceType::tableResource_, 0x41};
 constexpr PhysicalResourceId kNormalized{ResourceType::tableResource_, 0x40};
@@ -36,7 +37,6 @@ const std::vector<U8> kData = {1, 2, 3, 4, 5, 6, 7, 8};
 
 class MockRequester : public Requester {
   using Mask = const TargetMask&;
-  using Rid = const PhysicalResourceId&;
   using Addr = const PhysicalAddr&;
 
  public:
@@ -55,22 +55,20 @@ class MockRequester : public Requester {
 // shadow maps an offset to the bytes last written there.
 class FakeHelper : public DalHelper {
  public:
-  PhysicalResourceId resourceId(DeviceOffset offset, void* optArg) const override {
-    optArgs.push_back(optArg);
+  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
     return offset < kRegisterOffset ? kTable : kRegister;
   }
-  PhysicalResourceId normalizedResourceId(const PhysicalResourceId& rid) const override {
-    return rid == kTable ? kNormalized : rid;
+  PhysicalResourceId normalizedResourceId(Rid r) const override {
+    return r == kTable ? kNormalized : r;
   }
-  bool cacheable(DeviceId, const PhysicalResourceId&) const override {
+  bool cacheable(DeviceId, Rid) const override {
     // Stands for a notification that switches the hardware off in the middle of an access.
     if (switchOffOnCacheable) switchOffOnCacheable->hwAccessAllowedIs(false);
     return isCacheable;
   }
-  U32 memoryEntrySizeBytes(DeviceId, const PhysicalResourceId&) const override { return entrySize; }
+  U32 memoryEntrySizeBytes(DeviceId, Rid) const override { return entrySize; }
   PhysicalAddr physicalAddr(DeviceId, void*) const override { return kPhysAddr; }
-  void verifyOptArgMapping(DeviceId, const PhysicalResourceId& rid, DeviceOffset offset,
-                           void*) const override {
+  void verifyOptArgMapping(DeviceId, Rid rid, DeviceOffset offset, void*) const override {
     verified.emplace_back(rid, offset);
   }
   S32 shadowRead(DeviceId, DeviceOffset offset, U16 size, void* data, void*) const override {
@@ -91,7 +89,6 @@ class FakeHelper : public DalHelper {
   Dal* switchOffOnCacheable = nullptr;
   std::map<DeviceOffset, std::vector<U8>> shadow;
   mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
-  mutable std::vector<void*> optArgs;  // of every resource-id query
 };
 
 // Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
@@ -109,7 +106,6 @@ class ShadowDal : public RequesterDal {
   S32 doWriteToShadow(DeviceId d, DeviceOffset o, U16 size, const void* data,
                       void* optArg) override {
     shadowSizes.push_back(size);
-    ++shadowWrites;
     return helper()->shadowWrite(d, o, size, data, optArg);
   }
   U8* dataMaskSelector(DeviceOffset, void*, U16 size) override {
@@ -119,7 +115,6 @@ class ShadowDal : public RequesterDal {
   }
 
   std::vector<U16> shadowSizes;
-  int shadowWrites = 0;
   const void* maskHandedOut = nullptr;
 };
 
