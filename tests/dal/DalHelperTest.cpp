@@ -5,15 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <tuple>
-#include <vector>
+
+#include "dal/DalDoubles.h"
 
 namespace Zorvek {
 namespace {
 
-// What a failed assertion prints, up to the source location.
-auto assertionText(const std::string& text) {
-  return ::testing::HasSubstr("Assertion failed: " + text + ", file");
-}
+using doubles::assertion;
 
 const DeviceId kDev(0);
 const PhysicalResourceId kTable(ResourceType::tableResource_, 0x42);
@@ -58,8 +56,8 @@ TEST(DalHelperTest, MemoryEntryPacksWholeEntries) {
 
 TEST(DalHelperDeathTest, GeometryOutsideTheContractAborts) {
   EXPECT_DEATH(Kel::allocate<GeometryHelper>(24, 6)->numEntriesPerMemoryEntry(kDev, kTable),
-               assertionText("t % sizeof( U32 ) == 0"));
-  const auto nth = assertionText("n < numEntriesPerMemoryEntry( devId, rid )");
+               assertion("t % sizeof( U32 ) == 0"));
+  const auto nth = assertion("n < numEntriesPerMemoryEntry( devId, rid )");
   EXPECT_DEATH(Kel::allocate<GeometryHelper>(32, 8)->nthEntry(kDev, kTable, kMemoryEntry, 4), nth);
   EXPECT_DEATH(Kel::allocate<GeometryHelper>(12, 16)->nthEntry(kDev, kTable, kMemoryEntry, 0), nth);
 }
@@ -67,7 +65,7 @@ TEST(DalHelperDeathTest, GeometryOutsideTheContractAborts) {
 // Each body only the device family can supply.
 TEST(DalHelperDeathTest, DefaultOnlyTheDeviceFamilyCanAnswerAborts) {
   const auto h = Kel::allocate<DalHelper>();
-  const auto zero = assertionText("0");
+  const auto zero = assertion("0");
   EXPECT_DEATH(h->resourceType(0, nullptr), zero);
   EXPECT_DEATH(h->resourceExists(kDev, kTable), zero);
   EXPECT_DEATH(h->resourceId(0, nullptr), zero);

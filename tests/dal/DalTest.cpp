@@ -5,21 +5,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <string>
+#include <sstream>
 #include <tuple>
-#include <vector>
+
+#include "dal/DalDoubles.h"
 
 namespace Zorvek {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using namespace ::testing;
 
-// What a failed assertion prints, up to the source location.
-auto assertionText(const std::string& text) {
-  return HasSubstr("Assertion failed: " + text + ", file");
-}
+using doubles::assertion;
+using doubles::dumpOf;
 
 // Answers a register id below offset 0x1000 and a table id (offset >> 12) above; offsets from
 // 0xF000 have no type (0), which counts as a register.
@@ -44,11 +41,10 @@ struct TestDal : Dal {
 
 // Logs its callbacks. Dal::Notifiee adds only write access to Dal::NotifieeConst.
 struct Observer : Dal::Notifiee {
-  explicit Observer(std::vector<std::string>* log) : log(log) {}
-  void onReady() override { log->push_back("onReady"); }
-  void onReclaimWhenProgrammed() override { log->push_back("onReclaimWhenProgrammed"); }
-  void onHwAccessAllowed() override { log->push_back("onHwAccessAllowed"); }
-  std::vector<std::string>* log;
+  void onReady() override { log += "onReady "; }
+  void onReclaimWhenProgrammed() override { log += "onReclaimWhenProgrammed "; }
+  void onHwAccessAllowed() override { log += "onHwAccessAllowed "; }
+  std::string log;
 };
 
 Kel::Ptr<TestDal> newDal() {
@@ -83,20 +79,18 @@ TEST_F(DalTest, CoprocessorCheckerIsRunsTheHookUnlessHandedItsOwnReference) {
 // The four totals (read hits, read misses, write hits, write misses), then every entry of the
 // collections (a zero entry too) as "name[id]=value".
 std::string statistics(const Dal& d) {
-  std::string out = std::to_string(d.cacheReadHits()) + " " + std::to_string(d.cacheReadMisses()) +
-                    " " + std::to_string(d.cacheWriteHits()) + " " +
-                    std::to_string(d.cacheWriteMisses());
+  std::ostringstream out;
+  out << d.cacheReadHits() << " " << d.cacheReadMisses() << " " << d.cacheWriteHits() << " "
+      << d.cacheWriteMisses();
   auto add = [&](const char* name, const auto& col) {
-    for (const auto& [k, v] : col)
-      out += std::string(" ") + name + "[" + std::to_string(k.id()) + "]=" + std::to_string(v);
+    for (const auto& [k, v] : col) out << " " << name << "[" << k.id() << "]=" << v;
   };
-  add("readRegHits", d.cacheReadRegHitsCol());
-  add("readRegMisses", d.cacheReadRegMissesCol());
-  add("readTableHits", d.cacheReadTableHitsCol());
-  add("readTableMisses", d.cacheReadTableMissesCol());
+  add("readRegHits", d.cacheReadRegHitsCol()), add("readRegMisses", d.cacheReadRegMissesCol());
+  add("readTableHits", d.cacheReadTableHitsCol()),
+      add("readTableMisses", d.cacheReadTableMissesCol());
   add("writeTableHits", d.cacheWriteTableHitsCol());
   add("writeTableMisses", d.cacheWriteTableMissesCol());
-  return out;
+  return out.str();
 }
 
 // Each helper runs twice: it adds to the counts. Writes have no per-register counters, by
@@ -119,20 +113,12 @@ TEST_F(DalTest, StatisticsHelpersCountTheTotalAndTheResource) {
   }
 }
 
-// What showDalState writes to a file descriptor.
 std::string stateOf(Dal& d) {
-  std::FILE* f = std::tmpfile();
-  d.showDalState(static_cast<U32>(fileno(f)));
-  std::rewind(f);
-  char text[1024] = {};
-  EXPECT_GT(std::fread(text, 1, sizeof text - 1, f), 0u);
-  std::fclose(f);
-  return text;
+  return dumpOf([&](U32 fd) { d.showDalState(fd); });
 }
 
 TEST_F(DalTest, FlagSettersNotifyOnChangeOnly) {
-  std::vector<std::string> log;
-  const auto observer = Kel::allocate<Observer>(&log);
+  const auto observer = Kel::allocate<Observer>();
   observer->notifierIs(dal_.ptr());
   // Their defaults first (no change), then a change, set twice.
   for (bool v : {false, true, true}) {
@@ -140,7 +126,7 @@ TEST_F(DalTest, FlagSettersNotifyOnChangeOnly) {
     dal_->reclaimWhenProgrammedIs(v);
     dal_->hwAccessAllowedIs(!v);
   }
-  EXPECT_THAT(log, ElementsAre("onReady", "onReclaimWhenProgrammed", "onHwAccessAllowed"));
+  EXPECT_EQ(observer->log, "onReady onReclaimWhenProgrammed onHwAccessAllowed ");
 }
 
 // ready, reclaimWhenProgrammed and the collections are not part of the dump.
@@ -176,15 +162,15 @@ TEST(DalDeathTest, BaseVirtualAborts) {
   const Kel::Ptr<Dal> dal = Kel::allocate<Dal>(Kel::Name("base"));
   const std::string derived = "0 && \"Must be implemented by derived class\"";
   const DeviceId dev(0);
-  EXPECT_DEATH(dal->initLocalCache(dev, true), assertionText(derived));
-  EXPECT_DEATH(dal->waitForCompletion(dev), assertionText(derived));
-  EXPECT_DEATH(dal->waitForCompletionDefaultDal(dev), assertionText(derived));
-  EXPECT_DEATH(dal->handleCoprocessorChecker(), assertionText(derived));
-  EXPECT_DEATH(dal->coprocessorCheckerIs(nullptr), assertionText(derived));  // runs the hook
-  EXPECT_DEATH(dal->dalWrite(oneDeviceMask(dev), 0, 4, nullptr, nullptr), assertionText("0"));
-  EXPECT_DEATH(dal->dalRead(dev, 0, 4, nullptr, nullptr), assertionText("0"));
-  EXPECT_DEATH(dal->dalBulkWrite(oneDeviceMask(dev), 0, 4, nullptr, nullptr), assertionText("0"));
-  EXPECT_DEATH(dal->dalBulkRead(dev, 0, 4, nullptr, nullptr), assertionText("0"));
+  EXPECT_DEATH(dal->initLocalCache(dev, true), assertion(derived));
+  EXPECT_DEATH(dal->waitForCompletion(dev), assertion(derived));
+  EXPECT_DEATH(dal->waitForCompletionDefaultDal(dev), assertion(derived));
+  EXPECT_DEATH(dal->handleCoprocessorChecker(), assertion(derived));
+  EXPECT_DEATH(dal->coprocessorCheckerIs(nullptr), assertion(derived));  // runs the hook
+  EXPECT_DEATH(dal->dalWrite(oneDeviceMask(dev), 0, 4, nullptr, nullptr), assertion("0"));
+  EXPECT_DEATH(dal->dalRead(dev, 0, 4, nullptr, nullptr), assertion("0"));
+  EXPECT_DEATH(dal->dalBulkWrite(oneDeviceMask(dev), 0, 4, nullptr, nullptr), assertion("0"));
+  EXPECT_DEATH(dal->dalBulkRead(dev, 0, 4, nullptr, nullptr), assertion("0"));
 }
 
 }  // namespace
