@@ -1,22 +1,15 @@
-// RequesterDalRemote: the local caches per remote table and instance, the frees of a cold
-// start with their mask bytes, the shadow hooks, the data masks, the replay after a
-// serializer restart, traced texts, assertions and teardown. The requester is a real
-// QueueRequester whose queue is served by a consumer that records every command run, so the
-// tests see exactly what would reach the serializer.
+// RequesterDalRemote: local caches, cold-start frees, shadow hooks, data masks and the replay
+// after a serializer restart. The requester is a real QueueRequester served by a consumer that
+// records every command, so the tests see exactly what would reach the serializer.
 #include "Zorvek/RequesterDalRemote.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <iomanip>
 #include <memory>
-#include <optional>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "Zorvek/QueueRequester.h"
 #include "Zorvek/SchanRequester.h"
@@ -28,12 +21,7 @@ namespace {
 using doubles::assertion;
 using doubles::DalTrace;
 using doubles::dumpOf;
-using ::testing::Contains;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
-using ::testing::Pair;
+using namespace ::testing;
 
 constexpr auto kTable = ResourceType::tableResource_;
 // Table resource ids are the device offset divided by 0x100: A at 0x1000 and B at 0x2000;
@@ -43,36 +31,32 @@ constexpr PhysicalResourceId kA{kTable, 0x10}, kB{kTable, 0x20}, kR0{kTable, 0x3
 constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x50};
 constexpr DeviceOffset kRegisterOffset = 0x5000;
 constexpr AgentId kAgent = 6;
-const auto byName = [](const auto& info) { return std::string(info.param.name); };
+
+using Rid = const PhysicalResourceId&;
 
 class TablesHelper : public DalHelper {
  public:
   PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
     return offset >= kRegisterOffset ? kRegister : PhysicalResourceId{kTable, offset >> 8};
   }
-  bool resourceExists(DeviceId, const PhysicalResourceId& rid) const override {
-    return rid != kMissing;
-  }
-  PhysicalResourceId nextPridInstance(DeviceId, const PhysicalResourceId& rid) const override {
+  bool resourceExists(DeviceId, Rid rid) const override { return rid != kMissing; }
+  PhysicalResourceId nextPridInstance(DeviceId, Rid rid) const override {
     return rid == kR0 ? kR1 : rid == kR1 ? kR2 : PhysicalResourceId{};
   }
-  PhysicalResourceId normalizedResourceId(const PhysicalResourceId& rid) const override {
+  PhysicalResourceId normalizedResourceId(Rid rid) const override {
     return rid == kR1 || rid == kR2 ? kR0 : rid;
   }
-  bool cacheable(DeviceId, const PhysicalResourceId& rid) const override {
-    return rid != kRegister;
-  }
-  U32 memoryEntrySizeBytes(DeviceId, const PhysicalResourceId& rid) const override {
-    return rid == kB ? 4 : 8;
-  }
+  bool cacheable(DeviceId, Rid rid) const override { return rid != kRegister; }
+  U32 memoryEntrySizeBytes(DeviceId, Rid rid) const override { return rid == kB ? 4 : 8; }
   U32 numMemoryEntries(DeviceId, const PhysicalTableId&) const override { return 16; }
   U32 optArgSizeBytes() const override { return optArgSize; }
-  void setOptArg(DeviceId d, const PhysicalResourceId& rid, DeviceOffset offset,
-                 void* optArg) const override {
+  void setOptArg(DeviceId d, Rid rid, DeviceOffset offset, void* optArg) const override {
     optArgs.emplace_back(d.value(), rid.id(), offset, optArg != nullptr);
+    if (duringReplay) std::exchange(duringReplay, nullptr)();  // changes the DAL mid-walk
   }
 
   U32 optArgSize = 4;
+  mutable std::function<void()> duringReplay;
   // (device, table id, offset, optArg given) of every setOptArg.
   mutable std::vector<std::tuple<unsigned, U64, DeviceOffset, bool>> optArgs;
 };
@@ -104,18 +88,6 @@ class RecordingSerializer : public QueueConsumer {
     return true;
   }
   std::vector<std::string> commands;
-};
-
-// A queue requester whose next write first runs a hook, to change the DAL in mid-replay.
-class HookedQueueRequester : public QueueRequester {
- public:
-  using QueueRequester::QueueRequester;
-  S64 write(const TargetMask& t, const PhysicalResourceId& rid, DeviceOffset offset, void* data,
-            const void* mask, U32 size, bool reclaim) override {
-    if (beforeWrite) std::exchange(beforeWrite, nullptr)();
-    return QueueRequester::write(t, rid, offset, data, mask, size, reclaim);
-  }
-  std::function<void()> beforeWrite;
 };
 
 RequesterDataMask mask(bool flag, std::vector<std::pair<U32, U8>> bytes) {
@@ -156,7 +128,7 @@ class RequesterDalRemoteTest : public ::testing::Test {
   Kel::Ptr<TablesHelper> helper = Kel::allocate<TablesHelper>();
   Kel::Ptr<ResourceIdToDataMaskMap> masks = Kel::allocate<ResourceIdToDataMaskMap>();
   Kel::Ptr<Kel::Dir> configDir = Kel::allocate<Kel::Dir>(Kel::Name("config"));
-  Kel::Ptr<HookedQueueRequester> requester = Kel::allocate<HookedQueueRequester>(
+  Kel::Ptr<QueueRequester> requester = Kel::allocate<QueueRequester>(
       "a6-s1-Queue", kAgent, 64, DalId(1), nullptr, nullptr, IoMemType::queueMemory_, configDir,
       nullptr, "s1-kick", "Kick-a6-s1-Requester");
   Kel::Ptr<RequesterDalRemote> dal = makeDal(masks);
@@ -194,38 +166,31 @@ TEST_F(RequesterDalRemoteTest, InitLocalCacheCreatesACachePerTableAndInstanceOnc
   EXPECT_TRUE(makeDal(masks)->hwAccessAllowed());
 }
 
-struct FreeCase {
-  const char* name;
-  bool withMasks;
-  RequesterDataMask mask;  // stored under the normalised id of `resource`
-  PhysicalResourceId resource;
-  std::vector<std::string> frees;
-};
-class RequesterDalRemoteFreeTest : public RequesterDalRemoteTest,
-                                   public ::testing::WithParamInterface<FreeCase> {};
-
-TEST_P(RequesterDalRemoteFreeTest, ColdStartFreesEachTableWithItsMaskBytes) {
-  const FreeCase& c = GetParam();
-  masks->dataMaskIs(c.resource, c.mask);
-  dal = makeDal(c.withMasks ? masks : nullptr);
-  dal->remoteResourceIs(c.resource, true);
-  dal->initLocalCache(2, true);
-  EXPECT_THAT(sent(), ElementsAreArray(c.frees));
-  for (const auto& [index, table] : dal->localCaches())
-    EXPECT_EQ(std::pair(table->restarts(), table->coldStart()), std::pair(1u, true));
+TEST_F(RequesterDalRemoteTest, ColdStartFreesEachTableWithItsMaskBytes) {
+  const std::string free = "free dev 2 table 0x", unmasked = "10 size 8 mask -";
+  // mask map given, the mask stored under the normalised id of the resource, the resource
+  for (const auto& [withMasks, m, resource, frees] : std::vector<
+           std::tuple<bool, RequesterDataMask, PhysicalResourceId, std::vector<std::string>>>{
+           {false, mask(true, {{0, 0xff}}), kA, {free + unmasked}},
+           {true, mask(false, {{0, 0xff}}), kA, {free + unmasked}},
+           {true,
+            mask(true, {{0, 0xab}, {3, 0xcd}}),
+            kA,
+            {free + "10 size 8 mask ab0000cd00000000"}},
+           {true,
+            mask(true, {{1, 0x0f}}),
+            kR0,  // instances free with the normalised mask
+            {free + "30 size 8 mask 000f000000000000", free + "31 size 8 mask 000f000000000000",
+             free + "32 size 8 mask 000f000000000000"}}}) {
+    masks->dataMaskIs(resource, m);
+    dal = makeDal(withMasks ? masks : nullptr);
+    dal->remoteResourceIs(resource, true);
+    dal->initLocalCache(2, true);
+    EXPECT_THAT(sent(), ElementsAreArray(frees));
+    for (const auto& [index, table] : dal->localCaches())
+      EXPECT_EQ(std::pair(table->restarts(), table->coldStart()), std::pair(1u, true));
+  }
 }
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Masks, RequesterDalRemoteFreeTest, ::testing::ValuesIn(std::vector<FreeCase>{
-    {"NoMaskMap", false, mask(true, {{0, 0xff}}), kA, {"free dev 2 table 0x10 size 8 mask -"}},
-    {"FlagFalse", true, mask(false, {{0, 0xff}}), kA, {"free dev 2 table 0x10 size 8 mask -"}},
-    {"SparseBytes", true, mask(true, {{0, 0xab}, {3, 0xcd}}), kA,
-     {"free dev 2 table 0x10 size 8 mask ab0000cd00000000"}},
-    {"InstancesUseTheNormalisedMask", true, mask(true, {{1, 0x0f}}), kR0,
-     {"free dev 2 table 0x30 size 8 mask 000f000000000000",
-      "free dev 2 table 0x31 size 8 mask 000f000000000000",
-      "free dev 2 table 0x32 size 8 mask 000f000000000000"}}}), byName);
-// clang-format on
 
 TEST_F(RequesterDalRemoteTest, ReadsNeedTheSwitchAndACacheWritesNeedNeither) {
   dal->localShadowForRemoteResourcesEnabledIs(false);
@@ -259,24 +224,20 @@ TEST_F(RequesterDalRemoteTest, ReadsNeedTheSwitchAndACacheWritesNeedNeither) {
 // ---------------------------------------------------------------------------------------
 // Data masks and state dump
 
+// The bytes are those of the cold-start frees (one builder serves both), cut to the caller's
+// size; a null optional argument asks for no mask even where one exists.
 TEST_F(RequesterDalRemoteTest, DataMaskSelectorHandsOutTheMaskBytes) {
-  // clang-format off
-  const std::vector<std::tuple<bool, bool, bool, DeviceOffset, U16, const char*>> cases = {
-    // masks flag   optArg offset  size bytes
-    {true,   true,  true,  0x1000, 8,   "ab0000cd00000000"},
-    {true,   true,  true,  0x1008, 5,   "ab0000cd00"},        // the caller's size
-    {true,   true,  true,  0x3208, 4,   "00007700"},          // an instance: the normalised mask
-    {true,   true,  false, 0x1000, 8,   "-"},                 // null optArg: no mask
-    {false,  true,  true,  0x1000, 8,   "-"},
-    {true,   false, true,  0x1000, 8,   "-"},
-    {true,   true,  true,  0x2000, 4,   "-"}};                // no mask for the table
-  // clang-format on
-  for (const auto& [withMasks, flag, withOptArg, offset, size, bytes] : cases) {
-    masks->dataMaskIs(kA, mask(flag, {{0, 0xab}, {3, 0xcd}}));
-    masks->dataMaskIs(kR0, mask(flag, {{2, 0x77}}));
+  masks->dataMaskIs(kA, mask(true, {{0, 0xab}, {3, 0xcd}}));
+  masks->dataMaskIs(kR0, mask(true, {{2, 0x77}}));
+  // mask map given, optional argument given, offset, size, bytes
+  for (const auto& [withMasks, withOptArg, offset, size, bytes] :
+       {std::tuple(true, true, 0x1008u, 5, "ab0000cd00"),
+        {true, true, 0x3208u, 4, "00007700"},
+        {true, false, 0x1000u, 8, "-"},
+        {false, true, 0x1000u, 8, "-"}}) {
     dal = makeDal(withMasks ? masks : nullptr);
     const std::unique_ptr<U8[]> got(
-        dal->dataMaskSelector(offset, withOptArg ? &optArg : nullptr, size));
+        dal->dataMaskSelector(offset, withOptArg ? &optArg : nullptr, U16(size)));
     EXPECT_EQ(hexBytes(got.get(), size), bytes) << offset << " " << size;
   }
 }
@@ -373,7 +334,7 @@ TEST_F(RequesterDalRemoteTest, ReplayWalkSurvivesTablesChangingUnderIt) {
     fill(0, 0x1000, 0x01);
     fill(0, 0x2000, 0x02);
     fill(1, 0x1000, 0x03);
-    requester->beforeWrite = duringFirstWrite;
+    helper->duringReplay = duringFirstWrite;
     requester->serializerRestartCountIs(++restarts);
     EXPECT_THAT(sent(), ElementsAreArray(pushed));
   }

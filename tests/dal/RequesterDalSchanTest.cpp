@@ -6,10 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "Zorvek/QueueRequester.h"
 #include "Zorvek/SchanRequester.h"
@@ -20,15 +17,8 @@ namespace {
 
 using Corvane::Coprocessor;
 using Status = Corvane::CoprocessorStatus;
-using doubles::assertion;
-using doubles::DalTrace;
-using doubles::dumpOf;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
-using ::testing::Key;
-using ::testing::Return;
-using ::testing::UnorderedElementsAre;
+using namespace doubles;
+using namespace ::testing;
 
 const std::string kHandled = "dal/8 RequesterDalSchan::handleCoprocessor cop ";
 
@@ -152,28 +142,14 @@ INSTANTIATE_TEST_SUITE_P(Decisions, RequesterDalSchanDecisionTest,
   [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
 
-// Records the five arguments of every shadow access.
-class MockHelper : public DalHelper {
- public:
-  MOCK_METHOD(S32, shadowRead, (DeviceId, DeviceOffset, U16, void*, void*), (const, override));
-  MOCK_METHOD(S32, shadowWrite, (DeviceId, DeviceOffset, U16, const void*, void*), (override));
-};
-
-TEST_F(RequesterDalSchanTest, SkipHwAccessPresenceSwitchesHardwareOffAndShadowIsTheHelpers) {
+// Any value, even empty, switches the hardware off. The requester has no backend, so the DAL
+// is ready exactly when the hardware is off.
+TEST_F(RequesterDalSchanTest, SkipHwAccessPresenceSwitchesHardwareOff) {
   for (const char* value : std::vector<const char*>{"", "0", nullptr}) {
     const doubles::ScopedEnv env("XP_SKIP_HW_ACCESS", value);
     makeDal();
-    // The requester has no backend, so the DAL is ready exactly when the hardware is off.
     EXPECT_EQ(std::pair(dal->hwAccessAllowed(), dal->ready()), std::pair(!value, !!value));
   }
-  const auto helper = Kel::allocate<::testing::StrictMock<MockHelper>>();
-  dal->helperIs(helper);
-  U8 data[12];
-  int optArg = 0;
-  EXPECT_CALL(*helper, shadowRead(DeviceId(2), 0x1234, 12, data, &optArg)).WillOnce(Return(-1));
-  EXPECT_CALL(*helper, shadowWrite(DeviceId(3), 0x4320, 6, data, nullptr)).WillOnce(Return(3));
-  EXPECT_EQ(dal->doReadFromShadow(DeviceId(2), 0x1234, 12, data, &optArg), -1);
-  EXPECT_EQ(dal->doWriteToShadow(DeviceId(3), 0x4320, 6, data, nullptr), 3);
 }
 
 TEST_F(RequesterDalSchanTest, ShowDalStateFramesTheSchanRequesterState) {
