@@ -27,7 +27,6 @@ constexpr LogicalResourceId kTheirs{ResourceType::tableResource_, 2};
 constexpr U32 kMaxBulk = maxBulkTransactionSizeInBytes();
 U8 optArgStorage;
 void* const kOptArg = &optArgStorage;  // any non-null optional argument
-const auto byName = [](const auto& info) { return std::string(info.param.name); };
 
 PhysicalResourceId table(U64 id) { return {ResourceType::tableResource_, id}; }
 const char* tf(bool b) { return b ? "True" : "False"; }
@@ -184,48 +183,14 @@ TEST_F(DemuxDalTest, TrackingTurnsSnapshotIntoEnqueuedRanges) {
 enum Owner { me, other, unknown };
 enum Pick { toDefault, toMember, aborts, noCreator };
 
-struct SelectorCase {
-  const char* name;
-  bool optArg, forceDefault, check, creator;
-  Owner owner;
-  bool mapped, forceRead, forceLocalEnv;
-  Pick pick;
-};
+using DemuxDalDeathTest = DemuxDalTest;
 
-class DemuxDalDeathTest : public DemuxDalTest,
-                          public ::testing::WithParamInterface<SelectorCase> {};
-
-TEST_P(DemuxDalDeathTest, DalSelectorFollowsDecisionTable) {
-  const SelectorCase& c = GetParam();
+TEST_F(DemuxDalDeathTest, DalSelectorFollowsDecisionTable) {
   const auto routed = member("routed", true);
-  if (c.mapped) map->dalIs(kNorm, routed);
-  if (c.owner != unknown)
-    creator->physicalToLogicalResourceMapIs(kNorm, c.owner == me ? kMine : kTheirs);
-  build(c.creator);
-  if (c.forceDefault) demux->attributeIs("forceUseDefaultDal", "True");
-  demux->resourceOwnershipCheckEnabledIs(c.check);
-  demux->forceReadFromShadowIs(c.forceRead);
-  const ScopedEnv env("XP_FORCE_LOCAL_SHADOW_ACCESS", c.forceLocalEnv ? "" : nullptr);
-  const auto select = [&] {
-    return demux->dalSelector(kTableOffset, c.optArg ? kOptArg : nullptr);
-  };
-  if (c.pick == noCreator) {
-    EXPECT_DEATH(select(), assertion("demuxDalCreator()"));
-  } else if (c.pick == aborts) {
-    const AgentId owner = c.owner == me ? kMe : c.owner == other ? kOther : 0xFFFF;
-    const std::string trace = "Resource type 1 id 65 is owned by agent " + std::to_string(owner) +
-                              " and not by agent 5 extDal " + tf(c.mapped) + " resourceOwnedByMe " +
-                              tf(c.forceLocalEnv || c.owner != other) + "\n";
-    EXPECT_DEATH((Kel::traceFileIs(""), Kel::traceLevelsIs("ZorvekDemuxDal/0"), select()),
-                 literal(trace) + assertion("( (extDal && !resourceOwnedByMe) || "
-                                            "(!extDal && resourceOwnedByMe) )"));
-  } else {
-    EXPECT_EQ(select().ptr(), (c.pick == toMember ? routed : defaultDal).ptr());
-  }
-}
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Rows, DemuxDalDeathTest, ::testing::ValuesIn(std::vector<SelectorCase>{
+  // clang-format off
+  for (const auto& [name, optArg, forceDefault, check, withCreator, owner, mapped, forceRead,
+                    localEnv, pick] : std::vector<std::tuple<const char*, bool, bool, bool, bool,
+                                                             Owner, bool, bool, bool, Pick>>{
     // name                            optArg force check creator owner mapped forceRd env pick
     {"NullOptArgIgnoresRoute",         0, 0, 1, 1, other,   1, 0, 0, toDefault},
     {"NullOptArgNeedsNoCreator",       0, 0, 1, 0, other,   1, 0, 0, toDefault},
@@ -243,8 +208,36 @@ INSTANTIATE_TEST_SUITE_P(Rows, DemuxDalDeathTest, ::testing::ValuesIn(std::vecto
     {"LocalEnvMakesTheirsMineMapped",  1, 0, 1, 1, other,   1, 0, 1, aborts},
     {"LocalEnvTheirsUnmapped",         1, 0, 1, 1, other,   0, 0, 1, toDefault},
     {"LocalEnvForceReadMapped",        1, 0, 1, 1, other,   1, 1, 1, toMember},
-    {"CheckOnWithoutCreatorAborts",    1, 0, 1, 0, other,   1, 0, 0, noCreator}}), byName);
-// clang-format on
+    {"CheckOnWithoutCreatorAborts",    1, 0, 1, 0, other,   1, 0, 0, noCreator}}) {
+    // clang-format on
+    map->dalIs(kNorm, mapped ? routed : nullptr);
+    if (owner == unknown) creator->physicalToLogicalResourceMapDel(kNorm);
+    if (owner != unknown)
+      creator->physicalToLogicalResourceMapIs(kNorm, owner == me ? kMine : kTheirs);
+    build(withCreator);
+    demux->attributeIs("forceUseDefaultDal", forceDefault ? "True" : "False");
+    demux->resourceOwnershipCheckEnabledIs(check);
+    demux->forceReadFromShadowIs(forceRead);
+    const ScopedEnv env("XP_FORCE_LOCAL_SHADOW_ACCESS", localEnv ? "" : nullptr);
+    const auto select = [&, optArg = optArg] {
+      return demux->dalSelector(kTableOffset, optArg ? kOptArg : nullptr);
+    };
+    if (pick == noCreator) {
+      EXPECT_DEATH(select(), assertion("demuxDalCreator()")) << name;
+    } else if (pick == aborts) {
+      const AgentId agent = owner == me ? kMe : owner == other ? kOther : 0xFFFF;
+      const std::string trace = "Resource type 1 id 65 is owned by agent " + std::to_string(agent) +
+                                " and not by agent 5 extDal " + tf(mapped) + " resourceOwnedByMe " +
+                                tf(localEnv || owner != other) + "\n";
+      EXPECT_DEATH((Kel::traceFileIs(""), Kel::traceLevelsIs("ZorvekDemuxDal/0"), select()),
+                   literal(trace) + assertion("( (extDal && !resourceOwnedByMe) || "
+                                              "(!extDal && resourceOwnedByMe) )"))
+          << name;
+    } else {
+      EXPECT_EQ(select().ptr(), (pick == toMember ? routed : defaultDal).ptr()) << name;
+    }
+  }
+}
 
 TEST_F(DemuxDalDeathTest, BulkAboveLimitAndTrackingWithoutStatusCollectionAbort) {
   statusCol = nullptr;
@@ -315,15 +308,6 @@ class Notified : public Dal::NotifieeConst {
   std::vector<std::string>* log_;
 };
 
-struct OptionCase {
-  const char* name;
-  void (Dal::*set)(bool);
-  bool (Dal::*get)() const;
-  // The level-7 text once the option is flipped, or the reaction whose text lists the six
-  // options; null: untraced.
-  const char* trace;
-};
-
 // The level-7 text of a row: its own, or the six options listed under its reaction, all at
 // their defaults but `flipped`.
 // clang-format off
@@ -338,46 +322,47 @@ std::string traceOf(const std::string& row, const std::string& flipped) {
 }
 // clang-format on
 
-class DemuxDalOptionTest : public DemuxDalTest, public ::testing::WithParamInterface<OptionCase> {};
-
-TEST_P(DemuxDalOptionTest, ChangeReachesDefaultThenEveryMemberBeforeObservers) {
-  const OptionCase& c = GetParam();
-  addMembers(3);
-  build();
-  Dal& d = *demux;
-  const bool current = (d.*c.get)();
-  const auto observer = Kel::allocate<Notified>(&log);
-  observer->notifierIs(Kel::Ptr<const Dal>(demux));
-  DalTrace trace("ZorvekDemuxDal");
-  (d.*c.set)(current);
-  EXPECT_THAT(log, IsEmpty());
-  EXPECT_THAT(trace.lines(), IsEmpty());
-  (d.*c.set)(!current);
-  std::vector<std::string> expected = {"default " + std::string(c.name)};
-  for (const std::string& m : inMapOrder(" " + std::string(c.name))) expected.push_back(m);
-  // Of these options only two notify, and only once every member carries the change.
-  if (c.set == &Dal::hwAccessAllowedIs || c.set == &Dal::reclaimWhenProgrammedIs)
-    expected.push_back("notified");
-  EXPECT_EQ(log, expected);
-  EXPECT_EQ((*defaultDal.*c.get)(), !current);
-  for (const auto& [rid, m] : *map) EXPECT_EQ(((*m).*c.get)(), !current);
-  EXPECT_EQ(trace.lines(), (c.trace ? Lines{{7, traceOf(c.trace, c.name)}} : Lines{}));
-}
-
-#define OPTION(x) #x, &Dal::x##Is, &Dal::x
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Options, DemuxDalOptionTest, ::testing::ValuesIn(std::vector<OptionCase>{
-    {OPTION(hwAccessAllowed), "handleHwAccessAllowedOptions"},
-    {OPTION(blocking), "handleBlockingOptions"},
-    {OPTION(okToReadFromShadow), "handleReadFromShadowOptions"},
-    {OPTION(okToWriteToShadow), "handleWriteToShadowOptions"},
-    {OPTION(forceReadFromShadow), "handleForceReadFromShadowOptions"},
-    {OPTION(reclaimWhenProgrammed), "handleReclaimWhenProgrammed"},
-    {OPTION(skipHwWriteIfShadowHit),
-     "DemuxDal::handleSkipHwWriteIfShadowHit demux skipHwWriteIfShadowHit True"},
-    {OPTION(verifyEnabled), nullptr}}), byName);
-// clang-format on
+// Each option set to its current value, then flipped: no call and no trace, then the default
+// DAL and every member in map order, then the DemuxDal's observers (of the two options that
+// notify), and the level-7 text (null: untraced) of its own or listing the six options.
+TEST_F(DemuxDalTest, OptionChangeReachesDefaultThenEveryMemberBeforeObservers) {
+#define OPTION(x, text) std::tuple(#x, &Dal::x##Is, &Dal::x, static_cast<const char*>(text))
+  // clang-format off
+  for (const auto& [name, set, get, text] : {
+      OPTION(hwAccessAllowed, "handleHwAccessAllowedOptions"),
+      OPTION(blocking, "handleBlockingOptions"),
+      OPTION(okToReadFromShadow, "handleReadFromShadowOptions"),
+      OPTION(okToWriteToShadow, "handleWriteToShadowOptions"),
+      OPTION(forceReadFromShadow, "handleForceReadFromShadowOptions"),
+      OPTION(reclaimWhenProgrammed, "handleReclaimWhenProgrammed"),
+      OPTION(skipHwWriteIfShadowHit,
+             "DemuxDal::handleSkipHwWriteIfShadowHit demux skipHwWriteIfShadowHit True"),
+      OPTION(verifyEnabled, nullptr)}) {
+    // clang-format on
+    map->dalDelAll();
+    addMembers(3);
+    build();
+    Dal& d = *demux;
+    const bool current = (d.*get)();
+    const auto observer = Kel::allocate<Notified>(&log);
+    observer->notifierIs(Kel::Ptr<const Dal>(demux));
+    DalTrace trace("ZorvekDemuxDal");
+    (d.*set)(current);
+    EXPECT_THAT(log, IsEmpty()) << name;
+    EXPECT_THAT(trace.lines(), IsEmpty());
+    (d.*set)(!current);
+    std::vector<std::string> expected = {"default " + std::string(name)};
+    for (const std::string& m : inMapOrder(" " + std::string(name))) expected.push_back(m);
+    if (set == &Dal::hwAccessAllowedIs || set == &Dal::reclaimWhenProgrammedIs)
+      expected.push_back("notified");
+    EXPECT_EQ(log, expected);
+    EXPECT_EQ((*defaultDal.*get)(), !current);
+    for (const auto& [rid, m] : *map) EXPECT_EQ(((*m).*get)(), !current);
+    EXPECT_EQ(trace.lines(), (text ? Lines{{7, traceOf(text, name)}} : Lines{}));
+    (d.*set)(current);
+  }
 #undef OPTION
+}
 
 // ---------------------------------------------------------------------------------------
 // Readiness
