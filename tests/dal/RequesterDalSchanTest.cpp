@@ -85,30 +85,14 @@ TEST_F(RequesterDalSchanTest, ConstructionAttachesEachValidCoprocessorOnce) {
               UnorderedElementsAre(Key("c0"), Key("c1")));
 }
 
-struct DecisionCase {
-  const char* name;
-  std::function<void(Status&)> change;  // once the DAL has attached c0 := (7, genId 1)
-  std::vector<std::string> lines;
-  std::vector<Coprocessor> attached;  // the requester's, in attach order
-  U64 unidentifiedDetaches;
-};
-class RequesterDalSchanDecisionTest : public RequesterDalSchanTest,
-                                      public ::testing::WithParamInterface<DecisionCase> {};
-
-TEST_P(RequesterDalSchanDecisionTest, EachNotificationAttachesDetachesOrNothing) {
-  const DecisionCase& c = GetParam();
-  status->coprocessorIs("c0", Coprocessor(7, 1));
-  makeDal();
-  trace.clear();
-  c.change(*status);
-  EXPECT_THAT(lines(), ElementsAreArray(c.lines));
-  EXPECT_THAT(requester->attachedCoprocessors(), ElementsAreArray(c.attached));
-  EXPECT_EQ(requester->unidentifiedDetaches(), c.unidentifiedDetaches);
-}
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Decisions, RequesterDalSchanDecisionTest,
-  ::testing::ValuesIn(std::vector<DecisionCase>{
+// Once the DAL has attached c0 := (7, genId 1), each change of the status: the lines traced
+// (with the record's changes among them), the requester's attached list and its count of
+// detaches that identified nothing.
+TEST_F(RequesterDalSchanTest, EachNotificationAttachesDetachesOrNothing) {
+  // clang-format off
+  for (const auto& [name, change, expected, attached, unidentified] : std::vector<std::tuple<
+         const char*, std::function<void(Status&)>, std::vector<std::string>,
+         std::vector<Coprocessor>, U64>>{
   {"SameGenIdOnlyTraces", [](Status& s) { s.coprocessorNotify("c0"); },
    {kHandled + "c0", "dal/0 coprocessor c0 has already been attached"}, {Coprocessor(7, 1)}, 0},
   // The genIds differ only above bit 31, and the new value has another coprocessorId: the
@@ -136,9 +120,20 @@ INSTANTIATE_TEST_SUITE_P(Decisions, RequesterDalSchanDecisionTest,
    {Coprocessor(7, 1), Coprocessor(8, 1)}, 1},
   {"InvalidValueDetaches", [](Status& s) { s.coprocessorIs("c0", Coprocessor()); },
    {kHandled + "c0", "record c0 gone", "dal/0 detach coprocessor c0",
-    "req/0 detachCoprocessor schan Coprocessor(id 7, genId 1)"}, {}, 0}}),
-  [](const auto& info) { return std::string(info.param.name); });
-// clang-format on
+    "req/0 detachCoprocessor schan Coprocessor(id 7, genId 1)"}, {}, 0}}) {
+    // clang-format on
+    status = Kel::allocate<Status>(Kel::Name("dalCoprocessorStatus"));
+    requester =
+        Kel::allocate<SchanRequester>("schan", AgentId(5), 8, DalId(0), nullptr, nullptr, 5u);
+    status->coprocessorIs("c0", Coprocessor(7, 1));
+    makeDal();
+    trace.clear();
+    change(*status);
+    EXPECT_THAT(lines(), ElementsAreArray(expected)) << name;
+    EXPECT_THAT(requester->attachedCoprocessors(), ElementsAreArray(attached));
+    EXPECT_EQ(requester->unidentifiedDetaches(), unidentified);
+  }
+}
 
 // Any value, even empty, switches the hardware off. The requester has no backend, so the DAL
 // is ready exactly when the hardware is off.
