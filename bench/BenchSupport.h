@@ -117,14 +117,14 @@ struct DalTree {
   explicit DalTree(Kel::Ptr<Zorvek::Requester> remote = nullptr) {
     geometry = Kel::allocate<sim::Geometry>(
         Kel::Name("benchChip"),
-        std::vector<sim::TableSpec>{
+        std::vector<sim::TableDef>{
             {Kel::Name("l2Host"), 0x10, 16, 16, 4096, 1, true, true},
             {Kel::Name("l3Route"), kRouteTable, 8, 8, 2048, 1, true, false},
             {Kel::Name("aclRule"), 0x30, 8, 16, 1024, 2, true, false},
             {Kel::Name("vlanXlate"), 0x40, 8, 8, 1024, 1, true, false},
             {Kel::Name("counters"), kCounterTable, 8, 8, 8192, 1, false, false},
             {Kel::Name("hostRoutes"), kHostTable, 16, 16, kHostEntries, 1, true, false}},
-        std::vector<sim::RegisterSpec>{{Kel::Name("globalCtrl"), 0x1, 4, true}});
+        std::vector<sim::RegisterDef>{{Kel::Name("globalCtrl"), 0x1, 4, true}});
     helper = Kel::allocate<sim::SimDalHelper>();
     helper->deviceIs(DeviceId(0), geometry);
 

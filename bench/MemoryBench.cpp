@@ -65,11 +65,11 @@ struct TreeFigures {
 
 // A DemuxDal routing `tables` tables of 64 entries to one remote DAL.
 TreeFigures treeBytes(U32 tables) {
-  std::vector<sim::TableSpec> specs;
+  std::vector<sim::TableDef> defs;
   for (U32 t = 0; t < tables; ++t)
-    specs.push_back({Kel::Name("t"), 0x1000 + t, 8, 8, 64, 1, true, false});
+    defs.push_back({Kel::Name("t"), 0x1000 + t, 8, 8, 64, 1, true, false});
   const auto geometry =
-      Kel::allocate<sim::Geometry>(Kel::Name("memChip"), specs, std::vector<sim::RegisterSpec>{});
+      Kel::allocate<sim::Geometry>(Kel::Name("memChip"), defs, std::vector<sim::RegisterDef>{});
   const auto helper = Kel::allocate<sim::SimDalHelper>();
   helper->deviceIs(DeviceId(0), geometry);
   const auto remoteRequester = Kel::allocate<IndexRequester>(kMyAgent, Zorvek::DalId(1));

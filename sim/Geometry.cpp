@@ -16,7 +16,7 @@ std::string hexText(U64 v) {
 
 namespace {
 
-void checkTable(const TableSpec& t) {
+void checkTable(const TableDef& t) {
   if (t.entrySize == 0 || t.memoryEntrySize == 0 || t.entryCount == 0)
     throw GeometryError("table '" + t.name +
                         "': entrySize, memoryEntrySize and entryCount must not be 0");
@@ -27,10 +27,10 @@ void checkTable(const TableSpec& t) {
 
 }  // namespace
 
-Geometry::Geometry(Kel::Name name, const std::vector<TableSpec>& tables,
-                   const std::vector<RegisterSpec>& registers)
+Geometry::Geometry(Kel::Name name, const std::vector<TableDef>& tables,
+                   const std::vector<RegisterDef>& registers)
     : name_(std::move(name)) {
-  for (const TableSpec& t : tables) {
+  for (const TableDef& t : tables) {
     checkTable(t);
     const PhysicalResourceId baseId(ResourceType::tableResource_, t.id);
     for (U32 k = 0; k < t.instances; ++k) {
@@ -40,7 +40,7 @@ Geometry::Geometry(Kel::Name name, const std::vector<TableSpec>& tables,
       tableEntrySlots_ += t.entryCount;
     }
   }
-  for (const RegisterSpec& r : registers) {
+  for (const RegisterDef& r : registers) {
     if (r.size == 0) throw GeometryError("register '" + r.name + "': size must not be 0");
     const PhysicalResourceId id(ResourceType::registerResource_, r.id);
     add({r.name, id, id, 0, 1, 0, r.size, r.size, 1, r.cacheable, false, 0});

@@ -3,8 +3,8 @@
 // bytes with this one layout.
 //
 //   auto g = Kel::allocate<sim::Geometry>(Kel::Name("chip"),
-//       std::vector<sim::TableSpec>{{"route", 0x10, 8, 16, 64, 2, true, false}},
-//       std::vector<sim::RegisterSpec>{{"ctrl", 0x1, 4, false}});
+//       std::vector<sim::TableDef>{{"route", 0x10, 8, 16, 64, 2, true, false}},
+//       std::vector<sim::RegisterDef>{{"ctrl", 0x1, 4, false}});
 //   sim::Location at = g->locate(offset);        // (resource, entry index)
 //
 // Layout: one byte-addressed offset space per device. Tables come first, in the order given,
@@ -43,7 +43,7 @@ using Zorvek::U64;
 using Zorvek::U8;
 
 // A table as the device family describes it.
-struct TableSpec {
+struct TableDef {
   Kel::Name name;
   U64 id;               // id of instance 0; instance k has id + k
   U32 entrySize;        // bytes of one logical entry
@@ -54,7 +54,7 @@ struct TableSpec {
   bool hash = false;  // a hash table (entries placed by key) rather than a direct one
 };
 
-struct RegisterSpec {
+struct RegisterDef {
   Kel::Name name;
   U64 id;
   U32 size;
@@ -107,8 +107,8 @@ class KEL_EXPORT Geometry : public Kel::Entity {
  public:
   // Lays the resources out. Throws GeometryError for a zero size or count, zero instances,
   // an id used twice (instances included), or a layout beyond the 32-bit offset space.
-  Geometry(Kel::Name name, const std::vector<TableSpec>& tables,
-           const std::vector<RegisterSpec>& registers);
+  Geometry(Kel::Name name, const std::vector<TableDef>& tables,
+           const std::vector<RegisterDef>& registers);
 
   const Kel::Name& name() const { return name_; }
   // Bytes of the offset space: the end of the last resource.

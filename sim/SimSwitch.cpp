@@ -16,7 +16,7 @@ Zorvek::LogicalResourceId logicalId(U64 id) {
   return Zorvek::LogicalResourceId(ResourceType::tableResource_, id);
 }
 
-Zorvek::RequesterDataMask dataMask(const LogicalResourceSpec& res) {
+Zorvek::RequesterDataMask dataMask(const LogicalResourceDef& res) {
   Zorvek::RequesterDataMask mask(!res.dataMask.empty());
   for (U32 i = 0; i < res.dataMask.size(); ++i) mask.maskByteIs(i, res.dataMask[i]);
   return mask;
@@ -30,7 +30,7 @@ SimSwitch::SimSwitch(Topology topology)
       chips_(Kel::allocate<SimChipSet>()),
       helper_(Kel::allocate<SimDalHelper>()) {
   topology_.validate("topology");
-  for (const DeviceSpec& d : topology_.devices) {
+  for (const DeviceDef& d : topology_.devices) {
     const DeviceId devId(d.id);
     auto geometry =
         Kel::allocate<Geometry>(Kel::Name("device" + std::to_string(d.id)), d.tables, d.registers);
@@ -55,11 +55,11 @@ SimSwitch::~SimSwitch() {
 }
 
 void SimSwitch::buildSerializers() {
-  for (const SerializerSpec& s : topology_.serializers) {
+  for (const SerializerDef& s : topology_.serializers) {
     auto serializer = Kel::allocate<SimSerializer>(
         Zorvek::SerializerId(s.id), s.agent, Kel::Name(s.name), chips_,
         Kel::Ptr<const Kel::Dir>(database_->dirIs(s.configDir)), database_->dirIs(s.statusDir));
-    for (const LogicalResourceSpec& res : s.resources)
+    for (const LogicalResourceDef& res : s.resources)
       for (U64 table : res.tables) serializer->ownedTableIs(tableId(table));
     serializers_.push_back(serializer);
   }
@@ -69,8 +69,8 @@ void SimSwitch::fillCreator() {
   auto remote = Kel::allocate<Zorvek::LogicalRemoteResourceIdCol>();
   creator_ = Zorvek::demuxDalCreatorFactory(topology_.dalAgent, remote,
                                             Kel::String(kCoprocessorStatusLogPath));
-  for (const AgentSpec& a : topology_.agents) creator_->requesterNameIs(a.id, a.requesterName);
-  for (const SerializerSpec& s : topology_.serializers) {
+  for (const AgentDef& a : topology_.agents) creator_->requesterNameIs(a.id, a.requesterName);
+  for (const SerializerDef& s : topology_.serializers) {
     const Zorvek::SerializerId sid(s.id);
     const Kel::Ptr<Zorvek::SerializerInfo> info = creator_->serializerInfoIs(sid);
     info->agentIdIs(s.agent);
@@ -78,7 +78,7 @@ void SimSwitch::fillCreator() {
     info->kickFifoNameIs(s.kickQueue);
     info->configDirNameIs(s.configDir);
     info->statusDirNameIs(s.statusDir);
-    for (const LogicalResourceSpec& res : s.resources) {
+    for (const LogicalResourceDef& res : s.resources) {
       const Zorvek::LogicalResourceId lid = logicalId(res.id);
       creator_->serializerIdMapIs(lid, sid);
       auto physical = Kel::allocate<Zorvek::PhysicalResourceIdCol>();
@@ -98,7 +98,7 @@ Kel::Ptr<Zorvek::DemuxDal> SimSwitch::buildDal() {
   mountGroup_->completeMounts();
   Kel::Ptr<Zorvek::DemuxDal> dal = creator_->demuxDal();
   dal->helperIs(helper_);
-  for (const DeviceSpec& d : topology_.devices) dal->initLocalCache(DeviceId(d.id), true);
+  for (const DeviceDef& d : topology_.devices) dal->initLocalCache(DeviceId(d.id), true);
   serve();
   return dal;
 }

@@ -208,11 +208,11 @@ class Reader {
   const std::map<std::string, std::size_t>& lines_;
 };
 
-TableSpec readTable(const Reader& r, const Json& j, const std::string& p) {
+TableDef readTable(const Reader& r, const Json& j, const std::string& p) {
   r.object(j, p,
            {"name", "id", "entrySize", "memoryEntrySize", "entryCount", "instances", "cacheable",
             "hash"});
-  TableSpec t;
+  TableDef t;
   t.name = Kel::Name(r.text(j, p, "name"));
   t.id = r.number<U64>(j, p, "id");
   t.entrySize = r.number<U32>(j, p, "entrySize");
@@ -224,9 +224,9 @@ TableSpec readTable(const Reader& r, const Json& j, const std::string& p) {
   return t;
 }
 
-RegisterSpec readRegister(const Reader& r, const Json& j, const std::string& p) {
+RegisterDef readRegister(const Reader& r, const Json& j, const std::string& p) {
   r.object(j, p, {"name", "id", "size", "cacheable"});
-  RegisterSpec reg;
+  RegisterDef reg;
   reg.name = Kel::Name(r.text(j, p, "name"));
   reg.id = r.number<U64>(j, p, "id");
   reg.size = r.number<U32>(j, p, "size");
@@ -234,9 +234,9 @@ RegisterSpec readRegister(const Reader& r, const Json& j, const std::string& p) 
   return reg;
 }
 
-LogicalResourceSpec readResource(const Reader& r, const Json& j, const std::string& p) {
+LogicalResourceDef readResource(const Reader& r, const Json& j, const std::string& p) {
   r.object(j, p, {"id", "tables", "dataMask"});
-  LogicalResourceSpec res;
+  LogicalResourceDef res;
   res.id = r.number<U64>(j, p, "id");
   const Json& tables = r.array(j, p, "tables");
   for (std::size_t i = 0; i < tables.size(); ++i)
@@ -249,9 +249,9 @@ LogicalResourceSpec readResource(const Reader& r, const Json& j, const std::stri
   return res;
 }
 
-SerializerSpec readSerializer(const Reader& r, const Json& j, const std::string& p) {
+SerializerDef readSerializer(const Reader& r, const Json& j, const std::string& p) {
   r.object(j, p, {"id", "agent", "name", "kickQueue", "configDir", "statusDir", "resources"});
-  SerializerSpec s;
+  SerializerDef s;
   s.id = r.number<U16>(j, p, "id");
   s.agent = r.number<AgentId>(j, p, "agent");
   s.name = r.text(j, p, "name");
@@ -283,7 +283,7 @@ Topology readTopology(const Reader& r, const Json& root) {
   for (std::size_t i = 0; i < devices.size(); ++i) {
     const std::string p = Reader::index("devices", i);
     const Json& d = r.object(devices[i], p, {"id", "tables", "registers"});
-    DeviceSpec dev;
+    DeviceDef dev;
     dev.id = r.number<U32>(d, p, "id");
     const Json& tables = r.array(d, p, "tables");
     for (std::size_t k = 0; k < tables.size(); ++k)
@@ -323,7 +323,7 @@ class Validator {
     if (t_.devices.empty()) r_.fail("devices", "a switch needs at least one device");
     std::set<U32> ids;
     for (std::size_t i = 0; i < t_.devices.size(); ++i) {
-      const DeviceSpec& d = t_.devices[i];
+      const DeviceDef& d = t_.devices[i];
       const std::string p = Reader::index("devices", i);
       if (d.id >= Zorvek::TargetId::max())
         r_.fail(Reader::join(p, "id"), "device " + std::to_string(d.id) + " is not below 127");
@@ -332,7 +332,7 @@ class Validator {
       // Counted before the geometry lays them out: a few characters of "instances" would
       // otherwise make it lay out billions of resources.
       U64 resources = d.registers.size();
-      for (const TableSpec& t : d.tables) resources += t.instances;
+      for (const TableDef& t : d.tables) resources += t.instances;
       if (resources > kMaxResourcesPerDevice)
         r_.fail(p, "device " + std::to_string(d.id) + " has " + std::to_string(resources) +
                        " resources (table instances and registers), more than " +
@@ -352,7 +352,7 @@ class Validator {
       if (!ids.insert(t_.agents[i].id).second)
         r_.fail(Reader::join(Reader::index("agents", i), "id"),
                 "agent " + std::to_string(t_.agents[i].id) + " appears twice");
-    const AgentSpec* dal = t_.agent(t_.dalAgent);
+    const AgentDef* dal = t_.agent(t_.dalAgent);
     if (!dal) r_.fail("dalAgent", "agent " + std::to_string(t_.dalAgent) + " is not in agents");
     if (dal->requesterName.empty())
       r_.fail("dalAgent",
@@ -364,7 +364,7 @@ class Validator {
     std::set<std::string> names;
     std::map<U64, std::string> tableOwner;
     for (std::size_t i = 0; i < t_.serializers.size(); ++i) {
-      const SerializerSpec& s = t_.serializers[i];
+      const SerializerDef& s = t_.serializers[i];
       const std::string p = Reader::index("serializers", i);
       if (!ids.insert(s.id).second)
         r_.fail(Reader::join(p, "id"), "serializer id " + std::to_string(s.id) + " appears twice");
@@ -384,7 +384,7 @@ class Validator {
     }
   }
 
-  void resource(const SerializerSpec& s, const LogicalResourceSpec& res, const std::string& p,
+  void resource(const SerializerDef& s, const LogicalResourceDef& res, const std::string& p,
                 std::map<U64, std::string>& tableOwner) {
     if (!logicalIds_.insert(res.id).second)
       r_.fail(Reader::join(p, "id"),
@@ -409,7 +409,7 @@ class Validator {
   std::set<U64> logicalIds_;
 };
 
-Json tableJson(const TableSpec& t) {
+Json tableJson(const TableDef& t) {
   return {{"name", t.name},
           {"id", t.id},
           {"entrySize", t.entrySize},
@@ -454,19 +454,19 @@ std::string Topology::toJson() const {
   Json root;
   root["dalAgent"] = dalAgent;
   root["agents"] = Json::array();
-  for (const AgentSpec& a : agents)
+  for (const AgentDef& a : agents)
     root["agents"].push_back({{"id", a.id}, {"requesterName", a.requesterName}});
   root["devices"] = Json::array();
-  for (const DeviceSpec& d : devices) {
+  for (const DeviceDef& d : devices) {
     Json dev = {{"id", d.id}, {"tables", Json::array()}, {"registers", Json::array()}};
-    for (const TableSpec& t : d.tables) dev["tables"].push_back(tableJson(t));
-    for (const RegisterSpec& reg : d.registers)
+    for (const TableDef& t : d.tables) dev["tables"].push_back(tableJson(t));
+    for (const RegisterDef& reg : d.registers)
       dev["registers"].push_back(
           {{"name", reg.name}, {"id", reg.id}, {"size", reg.size}, {"cacheable", reg.cacheable}});
     root["devices"].push_back(std::move(dev));
   }
   root["serializers"] = Json::array();
-  for (const SerializerSpec& s : serializers) {
+  for (const SerializerDef& s : serializers) {
     Json ser = {{"id", s.id},
                 {"agent", s.agent},
                 {"name", s.name},
@@ -474,7 +474,7 @@ std::string Topology::toJson() const {
                 {"configDir", s.configDir},
                 {"statusDir", s.statusDir},
                 {"resources", Json::array()}};
-    for (const LogicalResourceSpec& r : s.resources) {
+    for (const LogicalResourceDef& r : s.resources) {
       Json res = {{"id", r.id}, {"tables", r.tables}};
       if (!r.dataMask.empty()) res["dataMask"] = r.dataMask;
       ser["resources"].push_back(std::move(res));
@@ -484,14 +484,14 @@ std::string Topology::toJson() const {
   return root.dump(2) + "\n";
 }
 
-const AgentSpec* Topology::agent(AgentId id) const {
-  for (const AgentSpec& a : agents)
+const AgentDef* Topology::agent(AgentId id) const {
+  for (const AgentDef& a : agents)
     if (a.id == id) return &a;
   return nullptr;
 }
 
-const SerializerSpec* Topology::serializer(std::string_view name) const {
-  for (const SerializerSpec& s : serializers)
+const SerializerDef* Topology::serializer(std::string_view name) const {
+  for (const SerializerDef& s : serializers)
     if (s.name == name) return &s;
   return nullptr;
 }
@@ -500,7 +500,7 @@ bool operator==(const Topology& a, const Topology& b) { return a.toJson() == b.t
 
 Topology Topology::embeddedDefault() {
   auto device = [](U32 id) {
-    DeviceSpec d;
+    DeviceDef d;
     d.id = id;
     d.tables = {
         // name, id, entry, memory entry, entries, instances, cacheable, hash
@@ -517,19 +517,19 @@ Topology Topology::embeddedDefault() {
   t.dalAgent = 1;
   t.agents = {{1, "fwd"}, {2, "l2agent"}, {3, "aclagent"}};
   t.devices = {device(0), device(1)};
-  SerializerSpec l2{
+  SerializerDef l2{
       1, 2, "l2ser", "kick-l2ser", "serializers/l2ser/config", "serializers/l2ser/status", {}};
   // The forwarding agent may write only the first 8 bytes of a host entry, and of those
   // the low nibble of byte 7 is the other agent's.
   l2.resources = {{0x100, {0x10}, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xf0}},
                   {0x101, {0x40}, {}}};
-  SerializerSpec acl{2,
-                     3,
-                     "aclser",
-                     "kick-aclser",
-                     "serializers/aclser/config",
-                     "serializers/aclser/status",
-                     {{0x200, {0x30}, {}}}};
+  SerializerDef acl{2,
+                    3,
+                    "aclser",
+                    "kick-aclser",
+                    "serializers/aclser/config",
+                    "serializers/aclser/status",
+                    {{0x200, {0x30}, {}}}};
   t.serializers = {l2, acl};
   return t;
 }

@@ -39,38 +39,38 @@ class KEL_EXPORT TopologyError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-struct DeviceSpec {
+struct DeviceDef {
   U32 id = 0;
-  std::vector<TableSpec> tables;
-  std::vector<RegisterSpec> registers;
+  std::vector<TableDef> tables;
+  std::vector<RegisterDef> registers;
 };
 
-struct AgentSpec {
+struct AgentDef {
   AgentId id = 0;
   std::string requesterName;
 };
 
-struct LogicalResourceSpec {
+struct LogicalResourceDef {
   U64 id = 0;
   std::vector<U64> tables;   // physical table ids (base ids of replicated tables)
   std::vector<U8> dataMask;  // empty: no mask
 };
 
-struct SerializerSpec {
+struct SerializerDef {
   U16 id = 0;
   AgentId agent = 0;
   std::string name;
   std::string kickQueue;
   std::string configDir;
   std::string statusDir;
-  std::vector<LogicalResourceSpec> resources;
+  std::vector<LogicalResourceDef> resources;
 };
 
 struct KEL_EXPORT Topology {
   AgentId dalAgent = 0;
-  std::vector<AgentSpec> agents;
-  std::vector<DeviceSpec> devices;
-  std::vector<SerializerSpec> serializers;
+  std::vector<AgentDef> agents;
+  std::vector<DeviceDef> devices;
+  std::vector<SerializerDef> serializers;
 
   // One agent on two devices with an S-channel default DAL and two remote serializers, one
   // of which owns two logical resources, one of them data-masked.
@@ -85,8 +85,8 @@ struct KEL_EXPORT Topology {
   // Throws TopologyError when the topology cannot be built (also run by parse).
   void validate(const std::string& source) const;
 
-  const AgentSpec* agent(AgentId id) const;
-  const SerializerSpec* serializer(std::string_view name) const;
+  const AgentDef* agent(AgentId id) const;
+  const SerializerDef* serializer(std::string_view name) const;
   friend bool operator==(const Topology&, const Topology&);
 };
 

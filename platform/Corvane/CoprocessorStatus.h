@@ -25,7 +25,7 @@
 
 namespace Corvane {
 
-// A collection of coprocessors keyed by name (iteration order unspecified).
+// A collection of coprocessors keyed by name (iteration order not defined).
 class KEL_EXPORT CoprocessorStatus : public Kel::Entity {
   KEL_ENTITY_TYPE(CoprocessorStatus)
 

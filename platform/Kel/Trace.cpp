@@ -9,7 +9,7 @@ namespace Kel {
 
 namespace {
 
-struct SpecEntry {
+struct LevelEntry {
   std::string name;  // "*" for every handle
   std::uint32_t mask;
 };
@@ -17,8 +17,8 @@ struct SpecEntry {
 struct TraceState {
   std::mutex mutex;
   std::vector<TraceHandle*> handles;
-  std::vector<SpecEntry> textSpec;
-  std::vector<SpecEntry> ringSpec;
+  std::vector<LevelEntry> textLevels;
+  std::vector<LevelEntry> ringLevels;
   bool envRead = false;
   FILE* file = nullptr;  // null: stderr
   TraceCapture* capture = nullptr;
@@ -29,16 +29,16 @@ TraceState& state() {
   return *s;
 }
 
-std::vector<SpecEntry> parseSpec(std::string_view spec) {
-  std::vector<SpecEntry> out;
-  while (!spec.empty()) {
-    const std::size_t comma = spec.find(',');
-    std::string_view entry = spec.substr(0, comma);
-    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+std::vector<LevelEntry> parseLevels(std::string_view setting) {
+  std::vector<LevelEntry> out;
+  while (!setting.empty()) {
+    const std::size_t comma = setting.find(',');
+    std::string_view entry = setting.substr(0, comma);
+    setting = comma == std::string_view::npos ? std::string_view() : setting.substr(comma + 1);
     if (entry.empty()) continue;
     const std::size_t slash = entry.find('/');
     std::string_view name = entry.substr(0, slash);
-    if (name.empty()) throw std::invalid_argument("trace spec entry without a handle name");
+    if (name.empty()) throw std::invalid_argument("trace level entry without a handle name");
     const std::uint32_t mask = slash == std::string_view::npos
                                    ? kAllTraceLevels
                                    : parseTraceLevels(entry.substr(slash + 1));
@@ -47,9 +47,9 @@ std::vector<SpecEntry> parseSpec(std::string_view spec) {
   return out;
 }
 
-std::uint32_t maskFor(const std::vector<SpecEntry>& spec, const std::string& name) {
+std::uint32_t maskFor(const std::vector<LevelEntry>& setting, const std::string& name) {
   std::uint32_t mask = 0;
-  for (const SpecEntry& e : spec)
+  for (const LevelEntry& e : setting)
     if (e.name == "*" || e.name == name) mask |= e.mask;
   return mask;
 }
@@ -59,27 +59,27 @@ std::uint32_t maskFor(const std::vector<SpecEntry>& spec, const std::string& nam
 void readEnvironment(TraceState& s) {
   if (s.envRead) return;
   s.envRead = true;
-  auto load = [](const char* var, std::vector<SpecEntry>& into) {
+  auto load = [](const char* var, std::vector<LevelEntry>& into) {
     const char* v = std::getenv(var);
     if (!v) return;
     try {
-      auto entries = parseSpec(v);
+      auto entries = parseLevels(v);
       into.insert(into.end(), entries.begin(), entries.end());
     } catch (const std::invalid_argument& e) {
       std::fprintf(stderr, "%s ignored: %s\n", var, e.what());
     }
   };
-  load("KEL_TRACE", s.textSpec);
-  load("KWISP_TRACE", s.ringSpec);
+  load("KEL_TRACE", s.textLevels);
+  load("KWISP_TRACE", s.ringLevels);
   if (const char* f = std::getenv("KEL_TRACE_FILE"); f && *f) s.file = std::fopen(f, "a");
 }
 
-void applySpec(std::string_view spec, bool ring) {
-  auto entries = parseSpec(spec);
+void applyLevels(std::string_view setting, bool ring) {
+  auto entries = parseLevels(setting);
   TraceState& s = state();
   std::lock_guard lock(s.mutex);
   readEnvironment(s);
-  auto& stored = ring ? s.ringSpec : s.textSpec;
+  auto& stored = ring ? s.ringLevels : s.textLevels;
   stored.insert(stored.end(), entries.begin(), entries.end());
   for (TraceHandle* h : s.handles) {
     const std::uint32_t mask = maskFor(entries, h->name());
@@ -120,8 +120,8 @@ TraceHandle::TraceHandle(std::string name) : name_(std::move(name)) {
   TraceState& s = state();
   std::lock_guard lock(s.mutex);
   readEnvironment(s);
-  text_ = maskFor(s.textSpec, name_);
-  ring_ = maskFor(s.ringSpec, name_);
+  text_ = maskFor(s.textLevels, name_);
+  ring_ = maskFor(s.ringLevels, name_);
   s.handles.push_back(this);
 }
 
@@ -139,8 +139,8 @@ TraceHandle* traceHandle(std::string_view name) {
   return nullptr;
 }
 
-void traceLevelsIs(std::string_view spec) { applySpec(spec, false); }
-void ringLevelsIs(std::string_view spec) { applySpec(spec, true); }
+void traceLevelsIs(std::string_view setting) { applyLevels(setting, false); }
+void ringLevelsIs(std::string_view setting) { applyLevels(setting, true); }
 
 void traceFileIs(const std::string& path) {
   TraceState& s = state();

@@ -29,7 +29,7 @@ constexpr std::uint32_t kAllTraceLevels = (1u << kTraceLevels) - 1;
 class KEL_EXPORT TraceHandle {
  public:
   // Creates and registers the handle; the levels come from KEL_TRACE / KWISP_TRACE and from
-  // any spec applied earlier with traceLevelsIs / ringLevelsIs.
+  // any setting applied earlier with traceLevelsIs / ringLevelsIs.
   explicit TraceHandle(std::string name);
   ~TraceHandle();
   TraceHandle(const TraceHandle&) = delete;
@@ -54,12 +54,12 @@ class KEL_EXPORT TraceHandle {
 // The registered handle of that name, or null.
 KEL_EXPORT TraceHandle* traceHandle(std::string_view name);
 
-// Applies a level spec ("Name/0-9,Other/8,*/3") to the text (or ring) levels of every
+// Applies a level setting ("Name/0-9,Other/8,*/3") to the text (or ring) levels of every
 // handle it names, now and for handles created later. Throws std::invalid_argument on a
-// malformed spec.
-KEL_EXPORT void traceLevelsIs(std::string_view spec);
-KEL_EXPORT void ringLevelsIs(std::string_view spec);
-// Parses the level part of a spec entry ("3", "0-9") into a mask; throws on bad input.
+// malformed setting.
+KEL_EXPORT void traceLevelsIs(std::string_view setting);
+KEL_EXPORT void ringLevelsIs(std::string_view setting);
+// Parses the level part of a setting entry ("3", "0-9") into a mask; throws on bad input.
 KEL_EXPORT std::uint32_t parseTraceLevels(std::string_view levels);
 
 // Where the text sink writes: a file (appended), or standard error for an empty path.

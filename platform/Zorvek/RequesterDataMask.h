@@ -48,7 +48,7 @@ class KEL_EXPORT RequesterDataMask {
 KEL_EXPORT const RequesterDataMask& noDataMask();
 
 // The data masks of the physical resources an agent writes through one serializer, keyed by
-// normalised PhysicalResourceId (hashed; iteration order unspecified).
+// normalised PhysicalResourceId (hashed; iteration order not defined).
 class KEL_EXPORT ResourceIdToDataMaskMap : public Kel::Entity {
   KEL_ENTITY_TYPE(ResourceIdToDataMaskMap)
 

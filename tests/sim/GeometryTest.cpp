@@ -54,9 +54,9 @@ TEST(GeometryTest, OffsetOfNothingIsAClearError) {
 }
 
 TEST(GeometryTest, BadDescriptionIsRefusedWithTheReason) {
-  using Tables = std::vector<TableSpec>;
+  using Tables = std::vector<TableDef>;
   for (const auto& [tables, registers, message] :
-       std::vector<std::tuple<Tables, std::vector<RegisterSpec>, const char*>>{
+       std::vector<std::tuple<Tables, std::vector<RegisterDef>, const char*>>{
            {{{"t", 1, 0, 8, 4}},
             {},
             "table 't': entrySize, memoryEntrySize and entryCount must not be 0"},

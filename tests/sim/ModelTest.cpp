@@ -123,14 +123,14 @@ class ModelRun {
   ModelRun(const Topology& topology, U64 seed)
       : sw_(topology), seed_(seed), rng_(seed), dal_(sw_.buildDal()) {
     parts_.emplace_back(0, "default", dal_->defaultDal(), nullptr);
-    for (const SerializerSpec& s : topology.serializers) {
+    for (const SerializerDef& s : topology.serializers) {
       Part p(parts_.size(), s.name, nullptr, sw_.serializer(s.name));
       if (!s.resources.empty() && !s.resources[0].tables.empty())
         p.dal = dal_->resourceIdToDalMap()->dal(
             PhysicalResourceId(ResourceType::tableResource_, s.resources[0].tables[0]));
       parts_.push_back(std::move(p));
     }
-    for (const DeviceSpec& d : topology.devices) describeDevice(topology, DeviceId(d.id));
+    for (const DeviceDef& d : topology.devices) describeDevice(topology, DeviceId(d.id));
     parentReady_ = dal_->ready();
   }
   ~ModelRun() {
@@ -159,7 +159,7 @@ class ModelRun {
     for (const ResourceLayout& layout : g.resources()) {
       Resource r{&layout, 0, {}};
       for (std::size_t s = 0; s < t.serializers.size(); ++s)
-        for (const LogicalResourceSpec& lr : t.serializers[s].resources)
+        for (const LogicalResourceDef& lr : t.serializers[s].resources)
           for (U64 table : lr.tables)
             if (layout.isTable() && layout.baseId.id() == table) {
               r.part = s + 1;

@@ -27,8 +27,8 @@ class SimDalHelperTest : public ::testing::Test {
     // Added first, yet device 0 is the default; device 5 has one hash table 0x10 of 2 x 4 bytes.
     helper->deviceIs(
         kDev5, Kel::allocate<Geometry>(Kel::Name("small"),
-                                       std::vector<TableSpec>{{"t", 0x10, 4, 4, 2, 1, false, true}},
-                                       std::vector<RegisterSpec>{}));
+                                       std::vector<TableDef>{{"t", 0x10, 4, 4, 2, 1, false, true}},
+                                       std::vector<RegisterDef>{}));
     helper->deviceIs(kDev0, testGeometry());
   }
   SimOptArg optArg(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset) const {

@@ -50,7 +50,7 @@ TEST(SimSwitchLeakTest, TearDownFreesEveryEntity) {
     exercise(sw, *dal);
     dal->okToReadFromShadowIs(false);
     exercise(sw, *dal);
-    for (const SerializerSpec& s : sw.topology().serializers) sw.restart(s.name);
+    for (const SerializerDef& s : sw.topology().serializers) sw.restart(s.name);
     dal->waitForCompletion(DeviceId(0));
     // A second tree over the same switch, the first one dropped while its queues are served.
     dal = sw.buildDal();

@@ -81,7 +81,7 @@ void round(SimSwitch& sw, Zorvek::DemuxDal& dal, unsigned n) {
       dal.waitForCompletion(devId);
     }
   }
-  for (const SerializerSpec& s : sw.topology().serializers) sw.restart(s.name);
+  for (const SerializerDef& s : sw.topology().serializers) sw.restart(s.name);
   dal.waitForCompletion(DeviceId(0));
 }
 

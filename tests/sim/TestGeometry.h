@@ -41,9 +41,9 @@ inline Entry filled(U8 v) {
 inline Kel::Ptr<Geometry> testGeometry() {
   return Kel::allocate<Geometry>(
       Kel::Name("chip"),
-      std::vector<TableSpec>{{"route", 0x10, 8, 16, 4, 2, true, false},
-                             {"hashed", 0x20, 4, 8, 3, 1, false, true}},
-      std::vector<RegisterSpec>{{"ctrl", 0x1, 4, true}, {"stat", 0x2, 8, false}});
+      std::vector<TableDef>{{"route", 0x10, 8, 16, 4, 2, true, false},
+                            {"hashed", 0x20, 4, 8, 3, 1, false, true}},
+      std::vector<RegisterDef>{{"ctrl", 0x1, 4, true}, {"stat", 0x2, 8, false}});
 }
 
 struct SerializerBench {

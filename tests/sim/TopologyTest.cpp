@@ -100,7 +100,7 @@ TEST(TopologyTest, OtherErrorsNameWhatTheyCan) {
 
 TEST(TopologyTest, FieldsWithDefaultsTakeThem) {
   const Topology t = Topology::parse(kBase, "sw.json");
-  const TableSpec& host = t.devices[0].tables[0];
+  const TableDef& host = t.devices[0].tables[0];
   EXPECT_EQ(std::tuple(host.memoryEntrySize, host.instances, host.cacheable, host.hash),
             std::tuple(8u, 1u, true, false));
   EXPECT_THAT(t.serializers[0].resources[0].dataMask, ::testing::ElementsAre(255, 15));

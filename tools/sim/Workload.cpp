@@ -41,7 +41,7 @@ Workload::Workload(sim::SimSwitch& sw, Kel::Ptr<Zorvek::DemuxDal> dal, WorkloadO
                      name + "' (it has: " + (known.empty() ? "none" : known) + ")");
     }
   routes_.push_back({dal_->defaultDal(), {}, {}});
-  for (const sim::DeviceSpec& d : sw_.topology().devices) addTargets(DeviceId(d.id));
+  for (const sim::DeviceDef& d : sw_.topology().devices) addTargets(DeviceId(d.id));
   checkRunnable();
 }
 
@@ -77,8 +77,8 @@ const std::vector<U8>* Workload::dataMaskOf(const sim::ResourceLayout& layout,
                                             std::size_t route) const {
   // Only the remote DALs write with masks; the default DAL writes whole entries.
   if (route == 0 || !layout.isTable()) return nullptr;
-  for (const sim::SerializerSpec& s : sw_.topology().serializers)
-    for (const sim::LogicalResourceSpec& res : s.resources)
+  for (const sim::SerializerDef& s : sw_.topology().serializers)
+    for (const sim::LogicalResourceDef& res : s.resources)
       if (!res.dataMask.empty() &&
           std::count(res.tables.begin(), res.tables.end(), layout.baseId.id()) != 0)
         return &res.dataMask;
@@ -227,7 +227,7 @@ U64 Workload::remoteCommandIndexes() const {
 }
 
 void Workload::settle() {
-  for (const sim::DeviceSpec& d : sw_.topology().devices) dal_->waitForCompletion(DeviceId(d.id));
+  for (const sim::DeviceDef& d : sw_.topology().devices) dal_->waitForCompletion(DeviceId(d.id));
   sw_.serve();
   bulkBuffers_.clear();
 }
