@@ -168,6 +168,37 @@ struct DalTree {
   }
 };
 
+// The entries of the routed table that the single-access benchmarks walk, on a fresh tree.
+struct RoutedEntries {
+  static constexpr U32 kCount = 1024;
+  static constexpr U32 kSize = 8;
+
+  DalTree tree;
+  std::vector<sim::SimOptArg> args = tree.optArgs(kRouteTable, kCount);
+  std::vector<DeviceOffset> offsets = tree.offsets(kRouteTable, kCount);
+  TargetMask mask = Zorvek::oneDeviceMask(DeviceId(0));
+
+  void* optArg(U32 i) { return &args[i]; }
+  // Writes every entry through the DemuxDal, so that each is in use before timing starts.
+  void writeAll(const U8* data) {
+    for (U32 i = 0; i < kCount; ++i) tree.demux->dalWrite(mask, offsets[i], kSize, data, optArg(i));
+  }
+  // The lookups a routed access cannot avoid, done by hand for the baselines: the two helper
+  // calls, the route map, the ownership query and the environment variable the routing
+  // reads. Returns the resource of the entry.
+  PhysicalResourceId routeByHand(U32 i) {
+    const PhysicalResourceId rid = tree.helper->resourceId(offsets[i], optArg(i));
+    const PhysicalResourceId normalized = tree.helper->normalizedResourceId(rid);
+    const auto found = tree.map->dals().find(normalized);
+    const AgentId owner = tree.creator->ownerAgentIdForPhysicalResource(normalized);
+    const char* forced = std::getenv("XP_FORCE_LOCAL_SHADOW_ACCESS");
+    benchmark::DoNotOptimize(found);
+    benchmark::DoNotOptimize(owner);
+    benchmark::DoNotOptimize(forced);
+    return rid;
+  }
+};
+
 // Turns off both sinks of every trace handle of the access path: the benchmarks measure
 // accesses with tracing off, whatever KEL_TRACE and KWISP_TRACE say.
 inline void tracesOff() {

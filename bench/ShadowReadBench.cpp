@@ -7,54 +7,36 @@
 namespace bench {
 namespace {
 
-constexpr U32 kEntries = 1024;
-constexpr U32 kEntrySize = 8;
-
 void demuxDalRead(benchmark::State& state) {
-  DalTree tree;
-  const auto args = tree.optArgs(kRouteTable, kEntries);
-  const auto offsets = tree.offsets(kRouteTable, kEntries);
-  const TargetMask mask = Zorvek::oneDeviceMask(DeviceId(0));
-  U8 data[kEntrySize] = {1, 2, 3, 4, 5, 6, 7, 8};
-  for (U32 i = 0; i < kEntries; ++i)
-    tree.demux->dalWrite(mask, offsets[i], kEntrySize, data, const_cast<sim::SimOptArg*>(&args[i]));
+  RoutedEntries e;
+  U8 data[RoutedEntries::kSize] = {1, 2, 3, 4, 5, 6, 7, 8};
+  e.writeAll(data);
   tracesOff();
-  const U64 readsBefore = tree.remoteDal->cacheReadHits();
+  const U64 readsBefore = e.tree.remoteDal->cacheReadHits();
   U32 i = 0;
   for (auto _ : state) {
-    const Zorvek::S32 rc = tree.demux->dalRead(DeviceId(0), offsets[i], kEntrySize, data,
-                                               const_cast<sim::SimOptArg*>(&args[i]));
+    const Zorvek::S32 rc =
+        e.tree.demux->dalRead(DeviceId(0), e.offsets[i], RoutedEntries::kSize, data, e.optArg(i));
     benchmark::DoNotOptimize(rc);
     benchmark::DoNotOptimize(data);
-    i = (i + 1) % kEntries;
+    i = (i + 1) % RoutedEntries::kCount;
   }
-  if (tree.remoteDal->cacheReadHits() - readsBefore != static_cast<U64>(state.iterations()))
+  if (e.tree.remoteDal->cacheReadHits() - readsBefore != static_cast<U64>(state.iterations()))
     state.SkipWithError("a read was not served by the local shadow");
 }
 
 void baselineRead(benchmark::State& state) {
-  DalTree tree;
-  const auto args = tree.optArgs(kRouteTable, kEntries);
-  const auto offsets = tree.offsets(kRouteTable, kEntries);
-  U8 data[kEntrySize];
-  const std::vector<U8> shadow(std::size_t{kEntries} * kEntrySize, 7);
+  RoutedEntries e;
+  U8 data[RoutedEntries::kSize];
+  const std::vector<U8> shadow(std::size_t{RoutedEntries::kCount} * RoutedEntries::kSize, 7);
   tracesOff();
   U32 i = 0;
   for (auto _ : state) {
-    void* optArg = const_cast<sim::SimOptArg*>(&args[i]);
-    const DeviceOffset offset = offsets[i];
-    const PhysicalResourceId rid = tree.helper->resourceId(offset, optArg);
-    const PhysicalResourceId normalized = tree.helper->normalizedResourceId(rid);
-    const auto found = tree.map->dals().find(normalized);
-    const AgentId owner = tree.creator->ownerAgentIdForPhysicalResource(normalized);
-    const char* forced = std::getenv("XP_FORCE_LOCAL_SHADOW_ACCESS");
-    std::memcpy(data, &shadow[std::size_t{i} * kEntrySize], kEntrySize);
-    benchmark::DoNotOptimize(found);
-    benchmark::DoNotOptimize(owner);
-    benchmark::DoNotOptimize(forced);
+    benchmark::DoNotOptimize(e.routeByHand(i));
+    std::memcpy(data, &shadow[std::size_t{i} * RoutedEntries::kSize], RoutedEntries::kSize);
     benchmark::DoNotOptimize(data);
     benchmark::ClobberMemory();
-    i = (i + 1) % kEntries;
+    i = (i + 1) % RoutedEntries::kCount;
   }
 }
 
