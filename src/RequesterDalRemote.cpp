@@ -238,7 +238,10 @@ void RequesterDalRemote::pushTable(const CacheTable& table, void* optArg) {
   for (U32 index = 0; index < table.entries(); ++index) {
     const DeviceOffset offset = table.entryOffset(index);
     helper()->setOptArg(devId, resourceId, offset, optArg);
-    if (!table.entryOffsetHwWriteEligible(offset)) {
+    // Entries are read by index, in memory order. A cold restart during the walk (from the
+    // helper, say) drops every entry, so the index must still name this offset.
+    if (index >= table.entries() || table.entryOffset(index) != offset ||
+        !table.entryHwWriteEligible(index)) {
       DUWISP_TRACE(th(), 0, "pushLocalCacheToSerializer Entry Offset 0x%x at index %s not in use",
                    offset, index);
       continue;
@@ -246,7 +249,7 @@ void RequesterDalRemote::pushTable(const CacheTable& table, void* optArg) {
     const U32 size = helper()->memoryEntrySizeBytes(devId, resourceId);
     DUWISP_TRACE(th(), 0, "pushLocalCacheToSerializer Sync local cache index %s for table 0x%x",
                  offset, resourceId.id());
-    unsigned char* data = const_cast<unsigned char*>(table.entryDataPtr(offset));
+    unsigned char* data = const_cast<unsigned char*>(table.entryData(index));
     // The requester copies the mask during the call, so the replay releases it afterwards.
     const std::unique_ptr<U8[]> mask(dataMaskSelector(offset, optArg, static_cast<U16>(size)));
     requester()->write(targets, resourceId, offset, data, mask.get(), size, false);

@@ -32,6 +32,16 @@ DeviceOffset CacheTable::entryOffset(U32 entryIndex) const {
   return chunks_[entryIndex / kEntriesPerChunk]->offsets[entryIndex % kEntriesPerChunk];
 }
 
+const unsigned char* CacheTable::entryData(U32 entryIndex) const {
+  KEL_ASSERT(entryIndex < entries());
+  return data(entryIndex);
+}
+
+bool CacheTable::entryHwWriteEligible(U32 entryIndex) const {
+  KEL_ASSERT(entryIndex < entries());
+  return (chunks_[entryIndex / kEntriesPerChunk]->eligible >> (entryIndex % kEntriesPerChunk)) & 1u;
+}
+
 void CacheTable::entryIs(DeviceOffset offset, const unsigned char* data, bool) {
   KEL_ASSERT(data);
   U32 index = entryIndex(offset);
@@ -41,8 +51,7 @@ void CacheTable::entryIs(DeviceOffset offset, const unsigned char* data, bool) {
 
 bool CacheTable::entryOffsetHwWriteEligible(DeviceOffset offset) const {
   const U32 index = entryIndex(offset);
-  if (index == kNoEntry) return false;
-  return (chunks_[index / kEntriesPerChunk]->eligible >> (index % kEntriesPerChunk)) & 1u;
+  return index != kNoEntry && entryHwWriteEligible(index);
 }
 
 void CacheTable::doRestart(bool coldStart) {

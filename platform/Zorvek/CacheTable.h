@@ -63,12 +63,15 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   U32 entrySize() const { return entrySize_; }
 
   // The entries collection: entries() offsets are in use, numbered 0..entries()-1 in the
-  // order of first use. entryOffset asserts "entryIndex < entries()".
+  // order of first use. A walk over it (a replay) reads each entry by its index, in memory
+  // order, without a probe of the offset index. Each asserts "entryIndex < entries()".
   U32 entries() const { return entries_; }
   DeviceOffset entryOffset(U32 entryIndex) const;
+  const unsigned char* entryData(U32 entryIndex) const;
+  bool entryHwWriteEligible(U32 entryIndex) const;
   // The index of the entry at `offset`, or kNoEntry. The steps of one shadow access (put an
-  // entry in use, then write or read it; or, in a replay, check it and then send it) ask
-  // for the same offset in a row, so the last entry found answers without a probe.
+  // entry in use, then write or read it) ask for the same offset in a row, so the last
+  // entry found answers without a probe.
   U32 entryIndex(DeviceOffset offset) const {
     if (offset == lastOffset_ && lastIndex_ != kNoEntry) return lastIndex_;
     if (slots_.empty()) return kNoEntry;

@@ -326,7 +326,8 @@ TEST_F(RequesterDalRemoteTest, ReplayWalkSurvivesTablesChangingUnderIt) {
   const std::vector<std::pair<std::function<void()>, std::vector<std::string>>> cases = {
     {[&] { fill(0, 0x3000, 0x04); }, {a0, b0, added, a1}},            // a table added ahead
     {[&] { dal->localCacheDel(at(0, kB)); }, {a0, a1}},               // a table removed ahead
-    {[&] { dal->localCacheDel(at(0, kA)); }, {a0, b0, a1}}};          // the current one removed
+    {[&] { dal->localCacheDel(at(0, kA)); }, {a0, b0, a1}},           // the current one removed
+    {[&] { dal->localCache(at(0, kA))->doRestart(true); }, {b0, a1}}};  // the current one emptied
   // clang-format on
   U64 restarts = 0;
   for (const auto& [duringFirstWrite, pushed] : cases) {
