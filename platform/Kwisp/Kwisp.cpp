@@ -160,8 +160,8 @@ std::vector<Value> decodeArgs(const unsigned char* slot, std::uint64_t seq) {
   return out;
 }
 
-std::vector<std::string> decodeSlots(const unsigned char* slots, std::size_t count,
-                                     const std::map<std::uint32_t, DescriptorText>& descs) {
+std::vector<Record> decodeSlots(const unsigned char* slots, std::size_t count,
+                                const std::map<std::uint32_t, DescriptorText>& descs) {
   std::vector<std::pair<std::uint64_t, const unsigned char*>> used;
   for (std::size_t i = 0; i < count; ++i) {
     const unsigned char* s = slots + i * kSlotBytes;
@@ -169,23 +169,35 @@ std::vector<std::string> decodeSlots(const unsigned char* slots, std::size_t cou
     if (seq) used.emplace_back(seq - 1, s);
   }
   std::sort(used.begin(), used.end());
-  std::vector<std::string> lines;
+  std::vector<Record> records;
   for (auto& [seq, s] : used) {
     auto it = descs.find(get<std::uint32_t>(s + 16));
     if (it == descs.end())
       throw DecodeError("record " + std::to_string(seq) + ": unknown descriptor " +
                         std::to_string(get<std::uint32_t>(s + 16)));
     const DescriptorText& d = it->second;
-    auto args = decodeArgs(s, seq);
-    const std::uint64_t ns = get<std::uint64_t>(s + 8);
-    char stamp[48];
-    std::snprintf(stamp, sizeof stamp, "%" PRIu64 ".%09" PRIu64, ns / 1000000000, ns % 1000000000);
-    std::string line = std::to_string(seq) + " " + stamp + " " + d.handle + "/" +
-                       std::to_string(d.level) + " " + d.file + ":" + std::to_string(d.line) + " " +
-                       d.function + ": " + render(d.format, args.data(), args.size());
-    if (s[21] & 1) line += " [truncated]";
-    lines.push_back(std::move(line));
+    const auto args = decodeArgs(s, seq);
+    Record r{.sequence = seq,
+             .nanoseconds = get<std::uint64_t>(s + 8),
+             .handle = d.handle,
+             .level = d.level,
+             .file = d.file,
+             .line = d.line,
+             .function = d.function,
+             .format = d.format,
+             .arguments = {},
+             .text = render(d.format, args.data(), args.size()),
+             .truncated = (s[21] & 1) != 0};
+    for (const Value& v : args) r.arguments.push_back(valueText(v, false));
+    records.push_back(std::move(r));
   }
+  return records;
+}
+
+std::vector<std::string> linesOf(const std::vector<Record>& records) {
+  std::vector<std::string> lines;
+  lines.reserve(records.size());
+  for (const Record& r : records) lines.push_back(lineOf(r));
   return lines;
 }
 
@@ -323,10 +335,23 @@ std::string render(std::string_view format, const Value* values, std::size_t cou
   return out;
 }
 
-std::vector<std::string> decode() {
+std::string lineOf(const Record& r) {
+  char stamp[48];
+  std::snprintf(stamp, sizeof stamp, "%" PRIu64 ".%09" PRIu64, r.nanoseconds / 1000000000,
+                r.nanoseconds % 1000000000);
+  std::string line = std::to_string(r.sequence) + " " + stamp + " " + r.handle + "/" +
+                     std::to_string(r.level) + " " + r.file + ":" + std::to_string(r.line) + " " +
+                     r.function + ": " + r.text;
+  if (r.truncated) line += " [truncated]";
+  return line;
+}
+
+std::vector<Record> records() {
   const std::vector<unsigned char> slots = slotsInNanoseconds(ring());
   return decodeSlots(slots.data(), slots.size() / kSlotBytes, knownDescriptors());
 }
+
+std::vector<std::string> decode() { return linesOf(records()); }
 
 void dump(const std::string& path) {
   Ring& r = ring();
@@ -353,6 +378,10 @@ void dump(const std::string& path) {
 }
 
 std::vector<std::string> decodeBytes(std::string_view bytes) {
+  return linesOf(decodeRecords(bytes));
+}
+
+std::vector<Record> decodeRecords(std::string_view bytes) {
   Reader in(bytes);
   if (in.bytes(sizeof kMagic, "magic") != std::string_view(kMagic, sizeof kMagic))
     throw DecodeError("not a Kwisp ring dump (bad magic)");

@@ -169,14 +169,36 @@ KEL_EXPORT void record(const Descriptor& d, const Value* values, std::size_t cou
 // integer in decimal, a bool as True/False, a string as is; "%%" is a percent sign.
 KEL_EXPORT std::string render(std::string_view format, const Value* values, std::size_t count);
 
-// The ring's records, oldest first, one line each:
+// One decoded record: its trace point's texts, each argument as "%s" renders it, and the
+// format rendered with its arguments.
+struct Record {
+  std::uint64_t sequence = 0;
+  std::uint64_t nanoseconds = 0;  // steady clock
+  std::string handle;
+  unsigned level = 0;
+  std::string file;  // without its directories
+  int line = 0;
+  std::string function;
+  std::string format;
+  std::vector<std::string> arguments;
+  std::string text;
+  bool truncated = false;  // arguments were dropped or cut to fit the slot
+};
+
+// The ring's records, oldest first.
+KEL_EXPORT std::vector<Record> records();
+// A record as one line:
 //   "<sequence> <seconds>.<nanoseconds> <handle>/<level> <file>:<line> <function>: <text>"
+// followed by " [truncated]" for a truncated record.
+KEL_EXPORT std::string lineOf(const Record& r);
+// The ring's records, oldest first, one line each.
 KEL_EXPORT std::vector<std::string> decode();
 // Writes the ring and its descriptors to a file; throws std::runtime_error on I/O failure.
 KEL_EXPORT void dump(const std::string& path);
 // Decodes a dumped ring; throws DecodeError naming what is wrong and where.
 KEL_EXPORT std::vector<std::string> decodeFile(const std::string& path);
 KEL_EXPORT std::vector<std::string> decodeBytes(std::string_view bytes);
+KEL_EXPORT std::vector<Record> decodeRecords(std::string_view bytes);
 
 // Empties the ring; resizes it to `slots` slots when given (at least 1).
 KEL_EXPORT void clear(std::size_t slots = 0);

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "ChromeTrace.h"
 #include "ExitCode.h"
 #include "Kwisp/Kwisp.h"
 #include "sim/Topology.h"
@@ -25,17 +26,21 @@ int checkCommand(const std::string& path, std::ostream& out, std::ostream& err) 
   return kSuccess;
 }
 
-int traceCommand(const std::string& path, std::ostream& out) {
-  std::vector<std::string> lines;
+int traceCommand(const std::string& path, TraceFormat format, std::ostream& out) {
+  std::vector<Kwisp::Record> records;
   std::ifstream file(path, std::ios::binary);
   if (!file) throw BadInput(path + ": cannot read the file");
   const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   try {
-    lines = Kwisp::decodeBytes(bytes);
+    records = Kwisp::decodeRecords(bytes);
   } catch (const Kwisp::DecodeError& e) {
     throw BadInput(path + ": not a dumped trace ring: " + e.what());
   }
-  for (const std::string& line : lines) out << line << "\n";
+  if (format == TraceFormat::chrome) {
+    out << chromeTrace(records);
+  } else {
+    for (const Kwisp::Record& r : records) out << Kwisp::lineOf(r) << "\n";
+  }
   return kSuccess;
 }
 

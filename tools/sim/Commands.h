@@ -11,13 +11,18 @@
 
 namespace simtool {
 
+// How trace records are written out: the binary ring as dumped (decoded later by `trace`),
+// one decoded line each, or a trace-event JSON document for a viewer (ChromeTrace.h).
+enum class TraceFormat { ring, text, chrome };
+
 struct RunOptions {
   std::string topologyPath;  // empty: the embedded default
   WorkloadOptions workload;
   bool dump = false;
-  bool trace = false;             // print the decoded ring after the report
-  std::size_t traceRecords = 40;  // how many of its last records
-  std::string traceFile;          // where to dump the ring; empty: nowhere
+  bool trace = false;                           // print the decoded ring after the report
+  std::size_t traceRecords = 40;                // how many of its last records
+  std::string traceFile;                        // where to dump the ring; empty: nowhere
+  TraceFormat traceFormat = TraceFormat::ring;  // of traceFile: ring or chrome
   bool json = false;
 };
 
@@ -27,7 +32,7 @@ int runCommand(RunOptions options, std::ostream& out);
 int topologyCommand(std::ostream& out);
 // Prints "FILE: ok" for a usable topology file (exit 0), the error otherwise (exit 1).
 int checkCommand(const std::string& path, std::ostream& out, std::ostream& err);
-// Prints the records of a ring dumped to a file.
-int traceCommand(const std::string& path, std::ostream& out);
+// Prints the records of a ring dumped to a file, as text lines or as trace-event JSON.
+int traceCommand(const std::string& path, TraceFormat format, std::ostream& out);
 
 }  // namespace simtool

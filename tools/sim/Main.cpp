@@ -1,6 +1,9 @@
 // zorvek-sim: runs the Zorvek DAL of an agent on a simulated switch. See `zorvek-sim --help`
 // and the README's section on the simulator.
 #include <iostream>
+#include <map>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -20,7 +23,19 @@ const CLI::Validator kMixValidator(
     },
     "READ:WRITE:BULK", "mix");
 
-void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix) {
+// The values of a format flag and what each means; the flag refuses any other.
+using FormatNames = std::map<std::string, TraceFormat>;
+const FormatNames kRunTraceFormats{{"ring", TraceFormat::ring}, {"chrome", TraceFormat::chrome}};
+const FormatNames kTraceFormats{{"text", TraceFormat::text}, {"chrome", TraceFormat::chrome}};
+
+CLI::Option* addFormatOption(CLI::App& app, const std::string& flag, std::string& value,
+                             const FormatNames& names, const std::string& help) {
+  std::vector<std::string> allowed;
+  for (const auto& [name, format] : names) allowed.push_back(name);
+  return app.add_option(flag, value, help)->check(CLI::IsMember(allowed))->capture_default_str();
+}
+
+void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix, std::string& traceFormat) {
   run.add_option("--topology", o.topologyPath,
                  "Topology JSON file (default: the embedded default; see `topology`)");
   // Unsigned options would take "-5" as a huge count: negative numbers are refused first.
@@ -50,6 +65,9 @@ void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix) {
   run.add_option("--trace-file", o.traceFile,
                  "Record every trace point in the ring and dump the ring to this file "
                  "(decode it with `trace`)");
+  addFormatOption(run, "--trace-format", traceFormat, kRunTraceFormats,
+                  "What --trace-file holds: the dumped ring, or trace-event JSON for Perfetto's "
+                  "UI or chrome://tracing");
   run.add_flag("--json", o.json, "Print the report as JSON");
 }
 
@@ -61,9 +79,10 @@ int main(int argc, char** argv) {
 
   RunOptions runOptions;
   std::string mix = runOptions.workload.mix.text();
+  std::string runTraceFormat = "ring";
   CLI::App* run = app.add_subcommand(
       "run", "Build the switch and the DAL, run a workload, restart serializers, check the chip");
-  addRunOptions(*run, runOptions, mix);
+  addRunOptions(*run, runOptions, mix, runTraceFormat);
   CLI::App* topology =
       app.add_subcommand("topology", "Print the embedded default topology as JSON");
   std::string file;
@@ -71,17 +90,21 @@ int main(int argc, char** argv) {
   check->add_option("FILE", file, "Topology JSON file")->required();
   CLI::App* trace = app.add_subcommand("trace", "Decode a trace ring dumped by run --trace-file");
   trace->add_option("FILE", file, "Dumped ring")->required();
+  std::string traceFormat = "text";
+  addFormatOption(*trace, "--format", traceFormat, kTraceFormats,
+                  "Decoded lines, or trace-event JSON for Perfetto's UI or chrome://tracing");
 
   CLI11_PARSE(app, argc, argv);
 
   try {
     if (*run) {
       runOptions.workload.mix = *parseMix(mix);
+      runOptions.traceFormat = kRunTraceFormats.at(runTraceFormat);
       return runCommand(runOptions, std::cout);
     }
     if (*topology) return topologyCommand(std::cout);
     if (*check) return checkCommand(file, std::cout, std::cerr);
-    if (*trace) return traceCommand(file, std::cout);
+    if (*trace) return traceCommand(file, kTraceFormats.at(traceFormat), std::cout);
   } catch (const sim::TopologyError& e) {
     std::cerr << "zorvek-sim: " << e.what() << "\n";
     return kBadInput;

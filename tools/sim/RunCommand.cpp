@@ -1,6 +1,8 @@
 #include <fstream>
+#include <stdexcept>
 
 #include "ChipCheck.h"
+#include "ChromeTrace.h"
 #include "Commands.h"
 #include "DumpFormat.h"
 #include "ExitCode.h"
@@ -23,6 +25,16 @@ void checkTraceFile(const std::string& path) {
   if (path.empty()) return;
   std::ofstream probe(path, std::ios::app);
   if (!probe) throw BadInput("--trace-file " + path + ": cannot write the file");
+}
+
+void writeTraceFile(const std::string& path, TraceFormat format) {
+  if (format == TraceFormat::ring) {
+    Kwisp::dump(path);
+    return;
+  }
+  std::ofstream file(path, std::ios::trunc);
+  if (!(file << chromeTrace(Kwisp::records())))
+    throw std::runtime_error("cannot write the trace to " + path);
 }
 
 std::vector<std::string> lastRecords(std::size_t n) {
@@ -58,7 +70,7 @@ int runCommand(RunOptions options, std::ostream& out) {
     report.trace = lastRecords(options.traceRecords);
     report.traceRecords = Kwisp::recordCount();
   }
-  if (!options.traceFile.empty()) Kwisp::dump(options.traceFile);
+  if (!options.traceFile.empty()) writeTraceFile(options.traceFile, options.traceFormat);
 
   if (options.json)
     printJson(report, out);
