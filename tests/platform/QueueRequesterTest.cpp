@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <map>
-#include <tuple>
 
 #include "Zorvek/QueueRequester.h"
 #include "dal/DalDoubles.h"
@@ -11,7 +10,7 @@
 namespace {
 
 using namespace Zorvek;
-using ::testing::ElementsAre;
+using namespace ::testing;
 
 const PhysicalResourceId kTable(ResourceType::tableResource_, 7);
 const Kel::String kStatusEntry(SerializerStatus::kEntryName);
@@ -60,8 +59,8 @@ class QueueRequesterTest : public ::testing::Test, public QueueConsumer {
 
 TEST_F(QueueRequesterTest, FollowsTheServedQueuesAndRestartCountOfThePublishedStatus) {
   auto r = makeRequester();
-  const auto seen = [&] { return std::pair(r->ready(), r->serializerRestartCount()); };
-  EXPECT_TRUE(config->entity("a1-s0-Queue") == r->queue() && !r->ready());
+  EXPECT_EQ(config->entity("a1-s0-Queue"), r->queue());
+  EXPECT_FALSE(r->ready());
   startSerializer();  // finds the queue, attaches, serves it
   EXPECT_TRUE(r->ready());
   served->servedQueueDel("a1-s0-Queue");
@@ -69,16 +68,19 @@ TEST_F(QueueRequesterTest, FollowsTheServedQueuesAndRestartCountOfThePublishedSt
   EXPECT_FALSE(r->ready());
   served->servedQueueIs("a1-s0-Queue");
   served->restartCountIs(1);
-  EXPECT_EQ(seen(), std::pair(true, U64(1)));
+  EXPECT_TRUE(r->ready());
+  EXPECT_EQ(r->serializerRestartCount(), 1u);
 
   auto replacement = Kel::allocate<SerializerStatus>(Kel::Name("s0"));
   replacement->restartCountIs(4);
   status->entityIs(kStatusEntry, replacement);
   EXPECT_EQ(r->serializerStatus(), replacement);
-  EXPECT_EQ(seen(), std::pair(false, U64(4)));  // the new status does not serve the queue yet
+  EXPECT_FALSE(r->ready());  // the new status does not serve the queue yet
+  EXPECT_EQ(r->serializerRestartCount(), 4u);
   replacement->servedQueueIs("a1-s0-Queue");
   status->entityDel(kStatusEntry);
-  EXPECT_EQ(seen(), std::pair(false, U64(4)));  // the count stays when the status goes
+  EXPECT_FALSE(r->ready());
+  EXPECT_EQ(r->serializerRestartCount(), 4u);  // the count stays when the status goes
 }
 
 TEST_F(QueueRequesterTest, CommandsRunWhenWaitedForOrToMakeRoomInAFullQueue) {
@@ -87,9 +89,8 @@ TEST_F(QueueRequesterTest, CommandsRunWhenWaitedForOrToMakeRoomInAFullQueue) {
   std::vector<S64> indexes;
   for (U8 i = 0; i < 5; ++i) indexes.push_back(writeAt(*r, 0x10u * i, {i, i}));
   EXPECT_THAT(indexes, ElementsAre(1, 2, 3, 4, 5));
-  // Drained at the 3rd and 5th.
-  EXPECT_EQ(std::pair(executed.size(), processingStatus->lastEnqueuedCmdIndex()),
-            std::pair(std::size_t{4}, U64(5)));
+  EXPECT_EQ(executed.size(), 4u);  // drained at the 3rd and 5th
+  EXPECT_EQ(processingStatus->lastEnqueuedCmdIndex(), 5u);
   r->waitForCmdIndex(5);
   EXPECT_EQ(r->queue()->lastCompletedCmdIndex(), 5u);
   // A blocking write and a read run at once.
@@ -130,15 +131,17 @@ TEST_F(QueueRequesterTest, CommandsCarryCopiesMadeAtTheCall) {
   r->bulkWrite(oneDeviceMask(DeviceId(1)), kTable, 0x40, 0x1000, entries, 3, 2);
   std::fill_n(data, 4, 0), std::fill_n(mask, 4, 0), std::fill_n(entries, 6, 0);
   r->waitForCmdIndex(2);
-  ASSERT_EQ(executed.size(), 2u);
-  const QueueCommand &w = executed[0], &b = executed[1];
-  using Bytes = std::vector<U8>;
-  EXPECT_EQ(std::tuple(w.command, w.targets, w.reclaimWhenProgrammed, w.data, w.dataMask),
-            std::tuple(Command::writeCmd_, oneDeviceMask(DeviceId(1)), true,
-                       Bytes{0xAA, 0xBB, 0xCC, 0xDD}, Bytes{0xFF, 0x00, 0x0F, 0xFF}));
-  EXPECT_EQ(
-      std::tuple(b.command, b.physAddr, b.entrySize, b.numEntries, b.data),
-      std::tuple(Command::bulkWriteCmd_, PhysicalAddr(0x1000), 3u, 2u, Bytes{1, 2, 3, 4, 5, 6}));
+  EXPECT_THAT(
+      executed,
+      ElementsAre(AllOf(Field(&QueueCommand::command, Command::writeCmd_),
+                        Field(&QueueCommand::targets, oneDeviceMask(DeviceId(1))),
+                        Field(&QueueCommand::reclaimWhenProgrammed, true),
+                        Field(&QueueCommand::data, ElementsAre(0xAA, 0xBB, 0xCC, 0xDD)),
+                        Field(&QueueCommand::dataMask, ElementsAre(0xFF, 0x00, 0x0F, 0xFF))),
+                  AllOf(Field(&QueueCommand::command, Command::bulkWriteCmd_),
+                        Field(&QueueCommand::physAddr, PhysicalAddr(0x1000)),
+                        Field(&QueueCommand::entrySize, 3u), Field(&QueueCommand::numEntries, 2u),
+                        Field(&QueueCommand::data, ElementsAre(1, 2, 3, 4, 5, 6)))));
 }
 
 // The state, then going away with a command still in the queue: the queue is withdrawn and
@@ -163,7 +166,8 @@ TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndGoingAwayFreesEve
             "'resourceId':0x7,'offset':0x8,'size':2,},},},");
   r = nullptr;
   EXPECT_EQ(config->entity("a1-s0-Queue"), nullptr);
-  EXPECT_TRUE(served->servedQueues().empty() && attacher->queues().empty());
+  EXPECT_THAT(served->servedQueues(), IsEmpty());
+  EXPECT_THAT(attacher->queues(), IsEmpty());
   EXPECT_EQ(QueueRequester::staticType().liveCount(), requesters);
   EXPECT_EQ(RequesterQueue::staticType().liveCount(), queues);
 }

@@ -68,10 +68,10 @@ struct AssembledTreeTest : ::testing::Test {
 TEST_F(AssembledTreeTest, BecomesReadyWhenTheLastSerializerPublishesItsStatus) {
   withdrawL2Status();
   dal = sw.buildDal();
-  EXPECT_EQ(
-      std::tuple(dal->defaultDal()->ready(), dal->resourceIdToDalMap()->dal(tableId(kAcl))->ready(),
-                 dal->resourceIdToDalMap()->dal(tableId(kVlan))->ready(), dal->ready()),
-      std::tuple(true, true, false, false));
+  EXPECT_TRUE(dal->defaultDal()->ready());
+  EXPECT_TRUE(dal->resourceIdToDalMap()->dal(tableId(kAcl))->ready());
+  EXPECT_FALSE(dal->resourceIdToDalMap()->dal(tableId(kVlan))->ready());
+  EXPECT_FALSE(dal->ready());
   sw.serializer("l2ser")->statusDir()->entityIs(kStatusEntry, sw.serializer("l2ser")->status());
   EXPECT_TRUE(dal->ready());
 }
