@@ -37,10 +37,10 @@ class QueueRequesterTest : public ::testing::Test, public QueueConsumer {
   void queueAttached(RequesterQueue& q) override { served->servedQueueIs(q.name()); }
   void queueDetached(RequesterQueue& q) override { served->servedQueueDel(q.name()); }
 
-  Kel::Ptr<QueueRequester> makeRequester(unsigned queueSize = 8, const char* name = "a1-s0-Queue") {
-    return Kel::allocate<QueueRequester>(name, AgentId(1), queueSize, DalId(3), processingStatus,
-                                         watchList, IoMemType::queueMemory_, config, status,
-                                         "s0-kick", "Kick-a1-s0-Requester");
+  Kel::Ptr<QueueRequester> makeRequester(unsigned queueSize = 8) {
+    return Kel::allocate<QueueRequester>("a1-s0-Queue", AgentId(1), queueSize, DalId(3),
+                                         processingStatus, watchList, IoMemType::queueMemory_,
+                                         config, status, "s0-kick", "Kick-a1-s0-Requester");
   }
   static S64 writeAt(QueueRequester& r, DeviceOffset offset, std::vector<U8> data) {
     return r.write(oneDeviceMask(DeviceId(0)), kTable, offset, data.data(), nullptr,
@@ -101,7 +101,7 @@ TEST_F(QueueRequesterTest, CommandsRunWhenWaitedForOrToMakeRoomInAFullQueue) {
   EXPECT_THAT(data, ElementsAre(4, 4));
 }
 
-TEST_F(QueueRequesterTest, WithoutASerializerOrItsDirectoriesResultsAndAFullQueueFail) {
+TEST_F(QueueRequesterTest, WithoutASerializerResultsAndAFullQueueFail) {
   auto r = makeRequester(2);
   U8 data[2] = {5, 6};
   EXPECT_EQ(r->read(DeviceId(0), kTable, 0, data, 2), -1);
@@ -112,36 +112,6 @@ TEST_F(QueueRequesterTest, WithoutASerializerOrItsDirectoriesResultsAndAFullQueu
   startSerializer();
   r->waitForCmdIndex(2);
   EXPECT_EQ(executed.size(), 2u);
-  // Without directories it is never ready.
-  r = Kel::allocate<QueueRequester>("alone", AgentId(1), 8, DalId(0), nullptr, nullptr,
-                                    IoMemType::queueMemory_, nullptr, nullptr, "", "");
-  EXPECT_FALSE(r->ready());
-  EXPECT_EQ(writeAt(*r, 0, {1}), -1);
-  EXPECT_EQ(r->initFreeFromSerializer(DeviceId(0), kTable, nullptr, 4), -1);
-  EXPECT_EQ(r->cmdIndex(), 1u);
-  EXPECT_THAT(stateOf(*r), ::testing::HasSubstr("'queue':None,'serializerStatus':False,"));
-}
-
-TEST_F(QueueRequesterTest, CommandsCarryCopiesMadeAtTheCall) {
-  startSerializer();
-  auto r = makeRequester();
-  U8 data[4] = {0xAA, 0xBB, 0xCC, 0xDD}, mask[4] = {0xFF, 0x00, 0x0F, 0xFF};
-  U8 entries[6] = {1, 2, 3, 4, 5, 6};
-  r->write(oneDeviceMask(DeviceId(1)), kTable, 0x20, data, mask, 4, true);
-  r->bulkWrite(oneDeviceMask(DeviceId(1)), kTable, 0x40, 0x1000, entries, 3, 2);
-  std::fill_n(data, 4, 0), std::fill_n(mask, 4, 0), std::fill_n(entries, 6, 0);
-  r->waitForCmdIndex(2);
-  EXPECT_THAT(
-      executed,
-      ElementsAre(AllOf(Field(&QueueCommand::command, Command::writeCmd_),
-                        Field(&QueueCommand::targets, oneDeviceMask(DeviceId(1))),
-                        Field(&QueueCommand::reclaimWhenProgrammed, true),
-                        Field(&QueueCommand::data, ElementsAre(0xAA, 0xBB, 0xCC, 0xDD)),
-                        Field(&QueueCommand::dataMask, ElementsAre(0xFF, 0x00, 0x0F, 0xFF))),
-                  AllOf(Field(&QueueCommand::command, Command::bulkWriteCmd_),
-                        Field(&QueueCommand::physAddr, PhysicalAddr(0x1000)),
-                        Field(&QueueCommand::entrySize, 3u), Field(&QueueCommand::numEntries, 2u),
-                        Field(&QueueCommand::data, ElementsAre(1, 2, 3, 4, 5, 6)))));
 }
 
 // The state, then going away with a command still in the queue: the queue is withdrawn and
@@ -170,12 +140,6 @@ TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndGoingAwayFreesEve
   EXPECT_THAT(attacher->queues(), IsEmpty());
   EXPECT_EQ(QueueRequester::staticType().liveCount(), requesters);
   EXPECT_EQ(RequesterQueue::staticType().liveCount(), queues);
-}
-
-using QueueRequesterDeathTest = QueueRequesterTest;
-
-TEST_F(QueueRequesterDeathTest, EmptyQueueAborts) {
-  EXPECT_DEATH(makeRequester(0), "Assertion failed: queueSize > 0");
 }
 
 }  // namespace

@@ -14,7 +14,6 @@
 #include "Duwisp/Duwisp.h"
 #include "Kel/Trace.h"
 #include "Kwisp/Kwisp.h"
-#include "Zorvek/Types.h"
 
 namespace {
 
@@ -219,15 +218,6 @@ TEST_F(DuwispTest, WritesEachSinkOnAtTheLevelAndBuildsNothingOtherwise) {
                                        " TestBody: " + message));
     EXPECT_EQ(streamed, text || ring ? 1 : 0);
   }
-}
-
-TEST_F(DuwispTest, ArgumentsPrintAsTheirKind) {
-  th().levelsIs(1u << 2);
-  Kel::TraceCapture capture;
-  const char* unset = nullptr;
-  DUWISP_TRACE(th(), 2, "%s %s %s %x %s %s", unset, std::string("str"), -3, short{-1},
-               Zorvek::DeviceId(4), Zorvek::ResourceType::tableResource_);
-  EXPECT_THAT(capture.messages(), ElementsAre("(null) str -3 ffffffffffffffff 4 1"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Geometry: the layout of tables, replicated instances and registers in one offset space,
-// the lookups in both directions, and the errors of a bad description or a bad offset.
+// Geometry: where offsets land in the hand-made layout of TestGeometry.h, and the errors of a
+// bad description (a topology file reports them) or a bad offset.
 #include "sim/Geometry.h"
 
 #include <gmock/gmock.h>
@@ -11,25 +11,6 @@ namespace {
 
 using namespace sim::test;
 using namespace ::testing;
-
-TEST(GeometryTest, LaysOutTablesThenRegistersWithoutGapsAndInstancesShareTheBaseId) {
-  const Kel::Ptr<Geometry> geometry = testGeometry();
-  DeviceOffset next = 0;
-  for (const ResourceLayout& r : geometry->resources()) {
-    EXPECT_EQ(r.base, next) << r.name;
-    next = r.end();
-  }
-  EXPECT_EQ(geometry->sizeBytes(), kSpaceBytes);
-  EXPECT_EQ(geometry->tableEntrySlots(), 11u);
-  EXPECT_EQ(geometry->layout(kHashed)->firstEntrySlot, 8u);
-  EXPECT_THAT(
-      geometry->instances(kRoute1),
-      ElementsAre(
-          AllOf(Field(&ResourceLayout::id, kRoute0), Field(&ResourceLayout::baseId, kRoute0)),
-          AllOf(Field(&ResourceLayout::id, kRoute1), Field(&ResourceLayout::instance, 1u),
-                Field(&ResourceLayout::baseId, kRoute0))));
-  EXPECT_THAT(geometry->instances({ResourceType::tableResource_, 0x12}), IsEmpty());
-}
 
 TEST(GeometryTest, LocatesOffsetsAndOffsetOfNothingIsAClearError) {
   const Kel::Ptr<Geometry> geometry = testGeometry();

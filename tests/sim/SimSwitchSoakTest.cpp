@@ -17,18 +17,11 @@
 
 #include "sim/SimSwitch.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define ZORVEK_SOAK_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ZORVEK_SOAK_ASAN 1
-#endif
-#endif
-
 namespace sim {
 namespace {
 
-#ifdef ZORVEK_SOAK_ASAN
+// GCC and Clang both define this under -fsanitize=address.
+#ifdef __SANITIZE_ADDRESS__
 constexpr bool kAddressSanitizer = true;
 #else
 constexpr bool kAddressSanitizer = false;
