@@ -82,21 +82,6 @@ TEST(CacheTableTest, ColdRestartForgetsEntriesWarmKeepsThem) {
   }
 }
 
-// Entries keep their data where it is and their index as the offset index grows past
-// several doublings.
-TEST(CacheTableTest, GrowthKeepsEveryEntryInPlace) {
-  const U32 used = 20000;
-  auto table = makeTable(used);
-  table->entryIs(0, pattern(0).data(), true);
-  const unsigned char* firstData = table->entryDataPtr(0);
-  for (U32 i = 1; i < used; ++i) table->entryIs(i * 4, pattern(U8(i)).data(), false);
-  EXPECT_EQ(table->entryDataPtr(0), firstData);
-  for (U32 i = 0; i < used; ++i) {
-    ASSERT_EQ(table->entryIndex(i * 4), i);
-    ASSERT_EQ(entry(*table, i * 4), pattern(U8(i)));
-  }
-}
-
 TEST(CacheTableDeathTest, FullTableOrAccessToAnEntryNotInUseAborts) {
   auto table = makeTable(1);
   Bytes out;

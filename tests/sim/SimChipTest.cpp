@@ -1,6 +1,6 @@
-// SimChip: frees by owner and the refusals that catch a DAL reaching past a resource.
-// Masked writes, ownership and bulk transfers are checked through the serializer and the
-// assembled-tree, replay and model tests.
+// SimChip: the refusals that catch a DAL reaching past a resource. Masked writes, ownership,
+// frees and bulk transfers are checked through the serializer and the assembled-tree, replay
+// and model tests.
 #include "sim/SimChip.h"
 
 #include <gmock/gmock.h>
@@ -16,27 +16,12 @@ namespace {
 using namespace sim::test;
 using ::testing::Each;
 
-constexpr AgentId kAgentA = 3, kAgentB = 4, kNobody = Zorvek::kInvalidAgentId;
+constexpr AgentId kAgentA = 3;
 
 class SimChipTest : public ::testing::Test {
  protected:
   Kel::Ptr<SimChip> chip = Kel::allocate<SimChip>(DeviceId(2), testGeometry());
 };
-
-TEST_F(SimChipTest, FreeClearsOnlyTheAgentsEntriesOfThatInstance) {
-  // Route #0 entries 0..3 hold 0xF0..0xF3, of agents A, B, A, B; route #1 entry 0 is A's.
-  for (U32 e = 0; e < 4; ++e)
-    chip->writeAt(16 * e, filled(U8(0xF0 + e)).data(), nullptr, 16, e % 2 ? kAgentB : kAgentA);
-  chip->writeAt(kRoute1Base, filled(0x77).data(), nullptr, 16, kAgentA);
-  EXPECT_EQ(chip->freeOwned(kRoute0, kAgentA, nullptr, 0), 2);
-  EXPECT_THAT(chip->entry(kRoute0, 2), Each(0));
-  EXPECT_THAT(chip->entry(kRoute0, 1), Each(0xF1));
-  EXPECT_THAT(chip->entry(kRoute1, 0), Each(0x77));
-  EXPECT_EQ(chip->owner(kRoute0, 0), kNobody);
-  EXPECT_EQ(chip->owner(kRoute0, 3), kAgentB);
-  EXPECT_EQ(chip->freeOwned(kRoute0, kAgentA, nullptr, 0), 0);
-  EXPECT_EQ(chip->freeOwned(kCtrl, kAgentA, nullptr, 0), -1);  // a register has no owners
-}
 
 using Refusal = std::function<S32(SimChip&, U8*)>;
 class SimChipRefusalTest : public SimChipTest, public ::testing::WithParamInterface<Refusal> {};
