@@ -34,10 +34,12 @@ TEST(ResourceIdTest, HashIsOneAtATimeOverTypeThenId) {
     EXPECT_EQ(std::hash<PhysicalResourceId>()({static_cast<ResourceType>(type), id}), hash)
         << type << " " << id;
     EXPECT_EQ(LogicalResourceId(static_cast<ResourceType>(type), id).hash(), hash);
-    EXPECT_EQ(type == 1   ? std::hash<PhysicalTableId>()(PhysicalTableId(id))
-              : type == 2 ? PhysicalRegisterId(id).hash()
-                          : hash,
-              hash);
+    if (type == 1) {
+      EXPECT_EQ(std::hash<PhysicalTableId>()(PhysicalTableId(id)), hash);
+    }
+    if (type == 2) {
+      EXPECT_EQ(PhysicalRegisterId(id).hash(), hash);
+    }
   }
 }
 
