@@ -103,9 +103,9 @@ TEST_F(QueueRequesterTest, WithoutASerializerResultsAndAFullQueueFail) {
   EXPECT_EQ(executed.size(), 2u);
 }
 
-// The state, then going away with a command still in the queue: the queue is withdrawn and
-// everything freed.
-TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndGoingAwayFreesEverything) {
+// The state, then going away with a command still in the queue: the queue is withdrawn from
+// the directory and from the serializer.
+TEST_F(QueueRequesterTest, ShowRequesterStateWritesItsFieldsAndGoingAwayWithdrawsTheQueue) {
   startSerializer();
   auto r = makeRequester(4);
   watchList->watchIs(DeviceId(0), kTable);

@@ -16,7 +16,6 @@ TEST(GeometryTest, LocatesOffsetsAndOffsetOfNothingIsAClearError) {
   const Kel::Ptr<Geometry> geometry = testGeometry();
   // (offset, resource, entry, byte)
   for (const auto& [offset, id, entry, byte] : {std::tuple(DeviceOffset(17), kRoute0, 1u, 1u),
-                                                {63, kRoute0, 3, 15},
                                                 {kRoute1Base, kRoute1, 0, 0},
                                                 {151, kHashed, 2, 7},
                                                 {kStatBase + 7, kStat, 0, 7}}) {

@@ -1,7 +1,7 @@
 // SimSerializer end to end: real QueueRequesters and the serializer meet in a Skorra
 // database through mounts of opposite modes; commands for resources the serializer does not
-// own are rejected, and a free clears an agent's entries. (Serving queues, and restarts that
-// wipe the serializer's tables, run in the assembled-tree and replay tests.)
+// own are rejected, a restart wipes only its tables, and a free clears an agent's entries.
+// (Serving queues and the replay after a restart run in the assembled-tree and replay tests.)
 #include "sim/SimSerializer.h"
 
 #include <gmock/gmock.h>
@@ -45,7 +45,17 @@ TEST_F(SimSerializerTest, CommandForAResourceNotOwnedIsRejected) {
                      "resource type 1 id 0x20 is not owned"));
 }
 
-// The chip's own test covers frees without a mask; here one with a mask reaches the chip.
+// The replay test restarts a serializer that owns every table; here another table survives.
+TEST_F(SimSerializerTest, RestartWipesOnlyTheOwnedTables) {
+  startSerializer();
+  chip->writeAt(0, filled(0x10).data(), nullptr, 16, kAgent);
+  chip->writeAt(kHashedBase, filled(0x20).data(), nullptr, 8, kOtherAgent);  // not owned
+  serializer->restart();
+  EXPECT_THAT(chip->entry(kRoute0, 0), Each(0));
+  EXPECT_THAT(chip->entry(kHashed, 0), Each(0x20));
+}
+
+// A free under a mask clears only the masked bits of the agent's own entries of one instance.
 TEST_F(SimSerializerTest, InitFreeFromSerializerFreesTheAgentsEntries) {
   startSerializer();
   auto mine = requester(kAgent), other = requester(kOtherAgent);
