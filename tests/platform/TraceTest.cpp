@@ -1,22 +1,18 @@
-// Tracing: trace handles and their level strings, the text sink and its capture, the Kwisp ring
-// (render, decode, dump files and their corruption) and Duwisp trace points over both sinks.
+// Tracing: trace handles and their level strings, the text sink, the Kwisp ring (render and
+// decode; the fuzz target feeds its decoder hostile dumps, the command-line test decodes a
+// dumped file) and Duwisp trace points over both sinks.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "Duwisp/Duwisp.h"
 #include "Kel/Trace.h"
 #include "Kwisp/Kwisp.h"
-#include "Zorvek/Types.h"
 
 namespace {
 
@@ -39,38 +35,26 @@ Kel::TraceHandle& th() {
 
 // Bad level strings throw and change nothing; good ones also reach handles created later.
 TEST(TraceHandleTest, LevelStringsSetTheLevelsOfNamedHandlesNowAndLater) {
-  Kel::TraceHandle a("TraceTestA"), b("TraceTestB"), c("TraceTestC"), d("TraceTestD");
-  for (const char* levels : {"/3", "TraceTestD/", "TraceTestD/x", "TraceTestD/10", "TraceTestD/5-3",
-                             "TraceTestD/1/2", "TraceTestD/0-", "TraceTestD/3,/4"}) {
+  Kel::TraceHandle a("TraceTestA"), b("TraceTestB"), c("TraceTestC");
+  for (const char* levels : {"/3", "TraceTestC/", "TraceTestC/x", "TraceTestC/10", "TraceTestC/5-3",
+                             "TraceTestC/1/2", "TraceTestC/0-", "TraceTestC/3,/4"}) {
     EXPECT_THROW(Kel::traceLevelsIs(levels), std::invalid_argument) << levels;
     EXPECT_THROW(Kel::ringLevelsIs(levels), std::invalid_argument) << levels;
   }
   Kel::traceLevelsIs("TraceTestA/2-4,,TraceTestB/8");
   Kel::ringLevelsIs("TraceTestC");  // a bare name means every level
   Kel::TraceHandle later("TraceTestB");
-  EXPECT_EQ(std::tuple(a.levels(), a.ringLevels(), b.levels(), c.levels(), c.ringLevels(),
-                       later.levels(), d.levels() | d.ringLevels()),
-            std::tuple(0x1cu, 0u, 1u << 8, 0u, Kel::kAllTraceLevels, 1u << 8, 0u));
-  EXPECT_TRUE(Kel::traceHandle("TraceTestC") == &c && !Kel::traceHandle("TraceTestNone"));
+  EXPECT_EQ(a.levels(), 0x1cu);
+  EXPECT_EQ(a.ringLevels(), 0u);
+  EXPECT_EQ(b.levels(), 1u << 8);
+  EXPECT_EQ(c.levels(), 0u);
+  EXPECT_EQ(c.ringLevels(), Kel::kAllTraceLevels);
+  EXPECT_EQ(later.levels(), 1u << 8);
 }
 
-// Level strings stay in force for every handle created later in the process, so "*" is tried in a
-// child process.
-TEST(TraceHandleDeathTest, StarNamesEveryHandle) {
-  EXPECT_EXIT(
-      {
-        Kel::TraceHandle before("TraceTestStar");
-        Kel::traceLevelsIs("*/3");
-        Kel::TraceHandle after("TraceTestAfterStar");
-        std::fprintf(stderr, "levels %x %x\n", before.levels(), after.levels());
-        std::exit(0);
-      },
-      ExitedWithCode(0), "levels 8 8");
-}
-
-// The sink writes each line to the trace file at once; a capture (which takes the lines
-// instead) records every field, in the innermost capture only.
-TEST(TraceSinkTest, CaptureAndTraceFileGetEachLine) {
+// The sink writes each line to the trace file at once. (A capture, which takes the lines
+// instead, is how every DAL test reads its traces.)
+TEST(TraceSinkTest, TraceFileGetsEachLineAtOnce) {
   const std::string path = tempPath("TraceSinkTest.txt");
   std::remove(path.c_str());
   Kel::traceFileIs(path);
@@ -84,16 +68,6 @@ TEST(TraceSinkTest, CaptureAndTraceFileGetEachLine) {
               ThrowsMessage<std::runtime_error>(
                   StrEq("cannot open trace file /nonexistent-dir/trace.txt")));
   std::remove(path.c_str());
-  Kel::TraceCapture outer;
-  {
-    Kel::TraceCapture inner;
-    Kel::traceText(th(), 4, "/src/dal/Some.cpp", 12, "fn", "inner message");
-    EXPECT_THAT(inner.records(), ElementsAre(FieldsAre("TraceTestPoint", 4u, "Some.cpp", 12, "fn",
-                                                       "inner message")));
-    EXPECT_TRUE(inner.contains("er me") && inner.messages("TraceTestOther").empty());
-  }
-  Kel::traceText(th(), 9, "Plain.cpp", 1, "g", "outer message");
-  EXPECT_THAT(outer.messages("TraceTestPoint"), ElementsAre("outer message"));
 }
 
 Kwisp::Value str(std::string_view s) { return {Kwisp::Tag::string, 0, s}; }
@@ -102,27 +76,11 @@ Kwisp::Value sgn(std::int64_t v) { return {Kwisp::Tag::signedInt, std::uint64_t(
 Kwisp::Value flag(bool v) { return {Kwisp::Tag::boolean, v, {}}; }
 
 // Decoded lines without their timestamps (the second field of each line).
-std::vector<std::string> withoutStamps(const std::vector<std::string>& lines) {
-  std::vector<std::string> out;
-  for (const std::string& line : lines)
-    out.push_back(line.substr(0, line.find(' ')) + line.substr(line.find(' ', line.find(' ') + 1)));
-  return out;
-}
-std::vector<std::string> decoded() { return withoutStamps(Kwisp::decode()); }
-
-// The timestamps of decoded lines ("<seconds>.<nanoseconds>"), in nanoseconds.
-std::vector<std::uint64_t> stamps(const std::vector<std::string>& lines) {
-  std::vector<std::uint64_t> out;
-  for (const std::string& line : lines) {
-    const std::size_t at = line.find(' ') + 1, dot = line.find('.', at);
-    out.push_back(std::stoull(line.substr(at, dot - at)) * 1000000000 +
-                  std::stoull(line.substr(dot + 1, 9)));
-  }
-  return out;
-}
-std::uint64_t steadyNanoseconds() {
-  using namespace std::chrono;
-  return std::uint64_t(duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count());
+std::vector<std::string> decoded() {
+  std::vector<std::string> lines = Kwisp::decode();
+  for (std::string& line : lines)
+    line.erase(line.find(' '), line.find(' ', line.find(' ') + 1) - line.find(' '));
+  return lines;
 }
 
 struct KwispTest : ::testing::Test {
@@ -131,12 +89,8 @@ struct KwispTest : ::testing::Test {
 };
 
 // Every argument kind under "%s" and "%x", "%%", and an unknown or lone "%" left as is. The
-// descriptor keeps its own copies of the texts, which may be gone by decode time. Records
-// are stamped with the time-stamp counter and decoded as steady-clock nanoseconds, which
-// must fall between the clear and the decode.
-TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
-  const std::uint64_t start = steadyNanoseconds();
-  Kwisp::clear(4);
+// descriptor keeps its own copies of the texts, which may be gone by decode time.
+TEST_F(KwispTest, RingKeepsTheNewestRecordsInOrder) {
   std::string format = "s=%s i=%s/%x u=0x%x b=%s/%x 100%% %d %", function = "someFunction";
   {
     const Kwisp::Descriptor d(th(), 3, "/src/Ring.cpp", 7, function.c_str(), format.c_str());
@@ -149,13 +103,7 @@ TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
   format.assign(format.size(), '#');
   function.assign(function.size(), '#');
   EXPECT_EQ(Kwisp::recordCount(), 6u);
-  const std::vector<std::string> lines = Kwisp::decode();
-  const std::uint64_t decodedAt = steadyNanoseconds();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_THAT(lines[0], MatchesRegex("2 [0-9]+\\.[0-9]{9} .*"));
-  const std::vector<std::uint64_t> when = stamps(lines);
-  EXPECT_TRUE(std::is_sorted(when.begin(), when.end()) && when.front() >= start &&
-              when.back() <= decodedAt);
+  EXPECT_THAT(Kwisp::decode(), Each(MatchesRegex("[2-5] [0-9]+\\.[0-9]{9} .*")));
   const std::string p =
       " TraceTestPoint/3 Ring.cpp:7 someFunction: s=abc i=-5/ffffffffffffffff u=0x";
   EXPECT_THAT(
@@ -163,11 +111,6 @@ TEST_F(KwispTest, RingRoundTripKeepsTheNewestRecordsInOrder) {
       ElementsAre("2" + p + "c b=False/True 100% %d %", "3" + p + "d b=True/False 100% %d %",
                   "4" + p + "e b=False/True 100% %d %", "5" + p + "f b=True/False 100% %d %"));
   const std::string path = tempPath("KwispTest.ring");
-  Kwisp::dump(path);
-  const std::vector<std::string> fromFile = Kwisp::decodeFile(path);
-  EXPECT_EQ(withoutStamps(fromFile), withoutStamps(lines));
-  EXPECT_TRUE(stamps(fromFile).front() >= start && stamps(fromFile).back() <= steadyNanoseconds());
-  std::remove(path.c_str());
   EXPECT_THAT([&] { Kwisp::decodeFile(path); },
               ThrowsMessage<Kwisp::DecodeError>(StrEq("cannot open " + path)));
 }
@@ -185,37 +128,6 @@ TEST_F(KwispTest, ArgumentsBeyondTheSlotAreTruncatedAndFlagged) {
       decoded(),
       ElementsAre("0 TraceTestPoint/2 T.cpp:1 f: " + std::string(102, 'x') + " [truncated]",
                   "1 TraceTestPoint/2 T.cpp:2 f: 0 1 2 3 4 5 6 7 8 9 10 <missing> [truncated]"));
-}
-
-TEST_F(KwispTest, CorruptedDumpIsADecodeError) {
-  Kwisp::clear(2);
-  const Kwisp::Descriptor d(th(), 4, "C.cpp", 9, "f", "%x");
-  Kwisp::record(d, std::vector{num(1)}.data(), 1);
-  const std::string path = tempPath("KwispDumpTest.ring");
-  Kwisp::dump(path);
-  const std::string dump = readFile(path);
-  std::remove(path.c_str());
-  ASSERT_EQ(Kwisp::decodeBytes(dump).size(), 1u);
-  const std::size_t slot0 = dump.size() - 2 * Kwisp::kSlotBytes;  // holds record 0
-  // At a byte of the file (or of slot 0), write `width` bytes of `value` (0: cut the file there).
-  for (auto [inSlot, at, width, value, error] :
-       std::vector<std::tuple<bool, int, int, std::uint32_t, const char*>>{
-           {false, 3, 1, 'X', "not a Kwisp ring dump (bad magic)"},
-           {false, 10, 0, 0, "truncated dump: version at byte 8"},
-           {false, 18, 0, 0, "truncated dump: descriptor id at byte 16"},
-           {false, 8, 4, 2, "unsupported Kwisp dump version 2"},
-           {true, -4, 4, 3, "dump holds 256 slot bytes, header says 384"},
-           {true, 16, 4, 99999, "record 0: unknown descriptor 99999"},
-           {true, 24, 1, 'z', "record 0: unknown argument tag"},
-           {true, 22, 2, 105, "record 0: payload size exceeds the slot"},
-           {true, 22, 2, 5, "record 0: truncated number argument"}}) {
-    std::string bytes = dump;
-    const std::size_t pos = (inSlot ? slot0 : 0) + at;
-    bytes.resize(width ? bytes.size() : pos);
-    std::memcpy(bytes.data() + pos, &value, width);  // the dump is little-endian, as we are
-    EXPECT_THAT([&] { Kwisp::decodeBytes(bytes); },
-                ThrowsMessage<Kwisp::DecodeError>(StrEq(error)));
-  }
 }
 
 // An argument that counts how often it is turned into text.
@@ -256,15 +168,6 @@ TEST_F(DuwispTest, WritesEachSinkOnAtTheLevelAndBuildsNothingOtherwise) {
                                        " TestBody: " + message));
     EXPECT_EQ(streamed, text || ring ? 1 : 0);
   }
-}
-
-TEST_F(DuwispTest, ArgumentsPrintAsTheirKind) {
-  th().levelsIs(1u << 2);
-  Kel::TraceCapture capture;
-  const char* unset = nullptr;
-  DUWISP_TRACE(th(), 2, "%s %s %s %x %s %s", unset, std::string("str"), -3, short{-1},
-               Zorvek::DeviceId(4), Zorvek::ResourceType::tableResource_);
-  EXPECT_THAT(capture.messages(), ElementsAre("(null) str -3 ffffffffffffffff 4 1"));
 }
 
 }  // namespace

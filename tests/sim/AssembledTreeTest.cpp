@@ -1,6 +1,6 @@
 // The DAL agent's whole tree on the simulated switch of the embedded topology, built the way a
-// hosting agent builds it and driven end to end: readiness, accesses reaching the owner's
-// part of the chip, command-index tracking, the state dump and the environment variables.
+// hosting agent builds it and driven end to end: readiness, coprocessor updates, accesses
+// reaching the owner's part of the chip, command-index tracking and the environment variables.
 #include <gmock/gmock.h>
 
 #include <map>
@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "Zorvek/DemuxDal.h"
+#include "Zorvek/RequesterDalSchan.h"
+#include "Zorvek/SchanRequester.h"
 #include "Zorvek/SerializerStatus.h"
 #include "dal/DalDoubles.h"
 #include "sim/SimSwitch.h"
@@ -68,12 +70,28 @@ struct AssembledTreeTest : ::testing::Test {
 TEST_F(AssembledTreeTest, BecomesReadyWhenTheLastSerializerPublishesItsStatus) {
   withdrawL2Status();
   dal = sw.buildDal();
-  EXPECT_EQ(
-      std::tuple(dal->defaultDal()->ready(), dal->resourceIdToDalMap()->dal(tableId(kAcl))->ready(),
-                 dal->resourceIdToDalMap()->dal(tableId(kVlan))->ready(), dal->ready()),
-      std::tuple(true, true, false, false));
+  EXPECT_TRUE(dal->defaultDal()->ready());
+  EXPECT_TRUE(dal->resourceIdToDalMap()->dal(tableId(kAcl))->ready());
+  EXPECT_FALSE(dal->resourceIdToDalMap()->dal(tableId(kVlan))->ready());
+  EXPECT_FALSE(dal->ready());
   sw.serializer("l2ser")->statusDir()->entityIs(kStatusEntry, sw.serializer("l2ser")->status());
   EXPECT_TRUE(dal->ready());
+}
+
+// The switch's coprocessor log reaches the S-channel requester through the assembled adapter:
+// a new generation is re-attached, an unchanged record is no news at all.
+TEST_F(AssembledTreeTest, CoprocessorLogUpdatesReachTheSchanRequester) {
+  dal = sw.buildDal();
+  const Zorvek::doubles::DalTrace trace("ZorvekRequesterDalSchan");
+  sw.coprocessorStatusLog()->setRecordIs("cop0", Corvane::Coprocessor(1, 1));
+  sw.coprocessorStatusLog()->setRecordIs("cop1", Corvane::Coprocessor(2, 5));
+  const auto schan = Kel::dynamicPtrCast<Zorvek::RequesterDalSchan>(dal->defaultDal());
+  EXPECT_THAT(schan->schanRequester()->attachedCoprocessors(),
+              ElementsAre(Corvane::Coprocessor(1, 1), Corvane::Coprocessor(2, 5)));
+  EXPECT_THAT(trace.lines(), Contains(Pair(0,
+                                           "coprocessor cop1 genId has changed. old genId: 1 "
+                                           "new genId: 5")));
+  EXPECT_THAT(trace.lines(), Not(Contains(Pair(_, HasSubstr("cop0")))));
 }
 
 // (table, entry, data written, serializer that owns it or null for the S-channel, chip entry)
@@ -165,8 +183,7 @@ INSTANTIATE_TEST_SUITE_P(
     Values(Env{"XP_SKIP_HW_ACCESS", nullptr, false, 1, true, false},
            Env{"XP_SKIP_HW_ACCESS", "", false, 0, false, true},
            // No remote DAL: the S-channel carries the vlan write; nothing waits.
-           Env{"XP_FORCE_LOCAL_SHADOW_ACCESS", "1", true, 0, true, true},
-           Env{"SIMULATION_VMID", "3", false, 1, true, false}));
+           Env{"XP_FORCE_LOCAL_SHADOW_ACCESS", "1", true, 0, true, true}));
 
 using AssembledTreeDeathTest = AssembledTreeTest;
 

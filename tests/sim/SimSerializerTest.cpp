@@ -1,7 +1,7 @@
 // SimSerializer end to end: real QueueRequesters and the serializer meet in a Skorra
 // database through mounts of opposite modes; commands for resources the serializer does not
-// own are rejected, a restart wipes its tables and requesters follow the restart count, and a
-// free clears an agent's entries. (Ordinary commands reaching the chip run in the model test.)
+// own are rejected, a restart wipes only its tables, and a free clears an agent's entries.
+// (Serving queues and the replay after a restart run in the assembled-tree and replay tests.)
 #include "sim/SimSerializer.h"
 
 #include <gmock/gmock.h>
@@ -29,22 +29,6 @@ class SimSerializerTest : public ::testing::Test, public SerializerBench {
   }
 };
 
-TEST_F(SimSerializerTest, ServesTheQueuesOfItsDirectoryUntilItGoes) {
-  auto early = requester(kAgent);
-  EXPECT_FALSE(early->ready());
-  startSerializer();
-  auto late = requester(kOtherAgent);
-  EXPECT_TRUE(early->ready() && late->ready());
-  EXPECT_THAT(serializer->status()->servedQueues(), ElementsAre("a7-s1-Queue", "a8-s1-Queue"));
-  EXPECT_EQ(db->entity("s1/status/serializerStatus"), serializer->status());
-
-  serializer = nullptr;
-  EXPECT_FALSE(early->ready());
-  EXPECT_EQ(Kel::TypeRegistry::type("sim::SimSerializer")->liveCount(), 0);
-  EXPECT_EQ(Kel::TypeRegistry::type("Zorvek::QueueAttacher")->liveCount(), 0);
-  EXPECT_EQ(db->entity("s1/status/serializerStatus"), nullptr);
-}
-
 TEST_F(SimSerializerTest, CommandForAResourceNotOwnedIsRejected) {
   startSerializer();
   auto r = requester(kAgent);
@@ -52,34 +36,26 @@ TEST_F(SimSerializerTest, CommandForAResourceNotOwnedIsRejected) {
   const S64 index = write(*r, kHashed, kHashedBase, filled(0x99));
   r->waitForCmdIndex(static_cast<U64>(index));
   EXPECT_THAT(chip->entry(kHashed, 0), Each(0));
-  const auto& counters = serializer->counters("a7-s1-Queue");
-  EXPECT_EQ(std::tuple(chip->counters().writes, serializer->rejectedCmds(), counters.rejected,
-                       counters.executed, r->queue()->lastFailedCmdIndex()),
-            std::tuple(U64(0), U64(1), U64(1), U64(0), U64(index)));
+  EXPECT_EQ(chip->counters().writes, 0u);
+  EXPECT_EQ(serializer->counters("a7-s1-Queue").rejected, 1u);
+  EXPECT_EQ(serializer->counters("a7-s1-Queue").executed, 0u);
+  EXPECT_EQ(r->queue()->lastFailedCmdIndex(), U64(index));
   EXPECT_TRUE(
       trace.contains("rejected write cmdIndex 1 of queue a7-s1-Queue: device 0 "
                      "resource type 1 id 0x20 is not owned"));
 }
 
-TEST_F(SimSerializerTest, RestartWipesTheOwnedTablesAndRequestersFollowTheCount) {
+// The replay test restarts a serializer that owns every table; here another table survives.
+TEST_F(SimSerializerTest, RestartWipesOnlyTheOwnedTables) {
   startSerializer();
-  auto r = requester(kAgent);
-  write(*r, kRoute0, 0, filled(0x10));
-  r->waitForCmdIndex(U64(write(*r, kRoute1, kRoute1Base, filled(0x11))));
+  chip->writeAt(0, filled(0x10).data(), nullptr, 16, kAgent);
   chip->writeAt(kHashedBase, filled(0x20).data(), nullptr, 8, kOtherAgent);  // not owned
-  EXPECT_EQ(std::pair(chip->entry(kRoute0, 0)[15], chip->owner(kRoute1, 0)),
-            std::pair(U8(0x10), kAgent));
   serializer->restart();
   EXPECT_THAT(chip->entry(kRoute0, 0), Each(0));
-  EXPECT_THAT(chip->entry(kRoute1, 0), Each(0));
-  EXPECT_EQ(chip->owner(kRoute1, 0), Zorvek::kInvalidAgentId);
   EXPECT_THAT(chip->entry(kHashed, 0), Each(0x20));
-  serializer->restart();
-  EXPECT_EQ(std::pair(r->serializerRestartCount(), serializer->restartCount()),
-            std::pair(U64(2), U64(2)));
 }
 
-// The chip's own test covers frees without a mask; here one with a mask reaches the chip.
+// A free under a mask clears only the masked bits of the agent's own entries of one instance.
 TEST_F(SimSerializerTest, InitFreeFromSerializerFreesTheAgentsEntries) {
   startSerializer();
   auto mine = requester(kAgent), other = requester(kOtherAgent);
@@ -91,8 +67,8 @@ TEST_F(SimSerializerTest, InitFreeFromSerializerFreesTheAgentsEntries) {
   mine->waitForCmdIndex(U64(mine->initFreeFromSerializer(kDev0, kRoute0, mask.data(), 16)));
   EXPECT_THAT(chip->entry(kRoute0, 0), ElementsAre(0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
                                                    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F));
-  EXPECT_EQ(std::pair(chip->owner(kRoute0, 0), chip->owner(kRoute0, 1)),
-            std::pair(Zorvek::kInvalidAgentId, kOtherAgent));
+  EXPECT_EQ(chip->owner(kRoute0, 0), Zorvek::kInvalidAgentId);
+  EXPECT_EQ(chip->owner(kRoute0, 1), kOtherAgent);
   EXPECT_THAT(chip->entry(kRoute0, 1), Each(0xEE));
   EXPECT_THAT(chip->entry(kRoute1, 0), Each(0xDD));  // another instance: not named by the free
 }

@@ -13,22 +13,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <vector>
 
-#include "sim/SimSwitch.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define ZORVEK_SOAK_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ZORVEK_SOAK_ASAN 1
-#endif
-#endif
+#include "sim/SwitchWorkload.h"
 
 namespace sim {
 namespace {
 
-#ifdef ZORVEK_SOAK_ASAN
+// GCC and Clang both define this under -fsanitize=address.
+#ifdef __SANITIZE_ADDRESS__
 constexpr bool kAddressSanitizer = true;
 #else
 constexpr bool kAddressSanitizer = false;
@@ -58,33 +50,6 @@ long residentKiB() {
   return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Writes, reads and bulk-accesses the first entries of every resource of every device, then
-// restarts every serializer and waits for the replays.
-void round(SimSwitch& sw, Zorvek::DemuxDal& dal, unsigned n) {
-  for (const auto& [devId, chip] : sw.chips()->chips()) {
-    for (const ResourceLayout& r : chip->geometry()->resources()) {
-      const U32 entries = std::min<U32>(r.entryCount, 64);
-      std::vector<U8> data(r.memoryEntrySize * entries, static_cast<U8>(n));
-      for (U32 e = 0; e < entries; ++e) {
-        const DeviceOffset offset = r.entryOffset(e);
-        SimOptArg arg = sw.optArg(devId, offset);
-        U8* entry = data.data() + e * r.memoryEntrySize;
-        if (devId.value() == 0)
-          dal.dalWrite(Zorvek::oneDeviceMask(devId), offset, static_cast<U16>(r.memoryEntrySize),
-                       entry, &arg);
-        dal.dalRead(devId, offset, static_cast<U16>(r.memoryEntrySize), entry, &arg);
-      }
-      if (!r.isTable()) continue;
-      SimOptArg arg = sw.optArg(devId, r.base);
-      SimDalHelper::bulkBufferIs(&arg, data.data());
-      dal.dalBulkRead(devId, r.base, static_cast<U32>(data.size()), data.data(), &arg);
-      dal.waitForCompletion(devId);
-    }
-  }
-  for (const SerializerDef& s : sw.topology().serializers) sw.restart(s.name);
-  dal.waitForCompletion(DeviceId(0));
-}
-
 TEST(SimSwitchSoakTest, ResidentMemoryStaysFlat) {
   const char* seconds = std::getenv("ZORVEK_SOAK_SECONDS");
   const auto deadline =
@@ -96,7 +61,9 @@ TEST(SimSwitchSoakTest, ResidentMemoryStaysFlat) {
   for (; n < kSuiteRounds || std::chrono::steady_clock::now() < deadline; ++n) {
     if (n % kRoundsPerTree == 0 && n < kWarmUpRounds) dal = sw.buildDal();
     if (n == kWarmUpRounds) before = residentKiB();
-    round(sw, *dal, n);
+    ASSERT_EQ(test::exerciseSwitch(sw, *dal, static_cast<U8>(n)), 0u) << "round " << n;
+    for (const SerializerDef& s : sw.topology().serializers) sw.restart(s.name);
+    dal->waitForCompletion(DeviceId(0));
   }
   const long after = residentKiB();
   std::printf("soak: %u rounds, %zu restarts, resident %ld KiB after warm-up, %ld KiB at the end\n",

@@ -10,8 +10,6 @@
 namespace sim {
 namespace {
 
-using ::testing::HasSubstr;
-
 // A valid topology; the bad ones below each change one piece of it. Line numbers matter.
 constexpr const char* kBase = R"({
   "dalAgent": 1,
@@ -37,72 +35,42 @@ std::string replaced(const std::string& from, const std::string& to) {
   return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
-// The message of the TopologyError that `f` throws.
-template <class F>
-std::string topologyError(F f) {
-  try {
-    f();
-  } catch (const TopologyError& e) {
-    return e.what();
-  }
-  return "no error";
-}
-
 // (name, text of the base, what it becomes, message)
 using BadCase = std::tuple<const char*, const char*, const char*, const char*>;
 class TopologyBadInputTest : public ::testing::TestWithParam<BadCase> {};
 
 TEST_P(TopologyBadInputTest, NamesSourceLineAndField) {
   const auto& [name, from, to, message] = GetParam();
-  EXPECT_EQ(topologyError([&] { Topology::parse(replaced(from, to), "sw.json"); }), message);
+  EXPECT_THAT([&] { Topology::parse(replaced(from, to), "sw.json"); },
+              ::testing::ThrowsMessage<TopologyError>(::testing::StrEq(message)));
 }
 
+// The command-line tests run the other kinds through zorvek-sim: an unknown field, malformed
+// JSON, an unreadable file, a serializer in the DAL's agent, a missing requesterName and a
+// table the device lacks.
 INSTANTIATE_TEST_SUITE_P(
     Kinds, TopologyBadInputTest,
     ::testing::Values(
-        BadCase{"UnknownField", "\"kickQueue\"", "\"kickQ\"",
-                "sw.json:12: field 'serializers[0].kickQ': unknown field"},
         BadCase{"MissingField", "\"entrySize\": 8, \"entryCount\": 64", "\"entrySize\": 8",
                 "sw.json:7: field 'devices[0].tables[0]': missing field 'entryCount'"},
         BadCase{"WrongType", "\"name\": \"hostser\"", "\"name\": 7",
                 "sw.json:12: field 'serializers[0].name': expected a string"},
         BadCase{"NumberAboveItsType", "{ \"id\": 1, \"agent\": 2", "{ \"id\": 70000, \"agent\": 2",
                 "sw.json:12: field 'serializers[0].id': value 70000 is above 65535"},
-        BadCase{"SerializerOwnsResourcesOfTheDalAgent", "\"agent\": 2", "\"agent\": 1",
-                "sw.json:14: field 'serializers[0].resources': serializer 'hostser' runs in agent "
-                "1, the agent that runs the DAL, so it cannot own resources that agent reaches "
-                "remotely"},
-        BadCase{"MissingRequesterName", "{ \"id\": 1, \"requesterName\": \"fwd\" }",
-                "{ \"id\": 1 }",
-                "sw.json:2: field 'dalAgent': agent 1 runs the DAL but has no requesterName"},
         BadCase{"DalAgentNotAnAgent", "\"dalAgent\": 1", "\"dalAgent\": 9",
                 "sw.json:2: field 'dalAgent': agent 9 is not in agents"},
-        BadCase{"TableNotOnTheDevice", "\"tables\": [16]", "\"tables\": [16, 48]",
-                "sw.json:14: field 'serializers[0].resources[0].tables[1]': table 48 does not "
-                "exist on device 0"},
         BadCase{"TableOwnedTwice", "\"tables\": [16]", "\"tables\": [16, 16]",
                 "sw.json:14: field 'serializers[0].resources[0].tables[1]': table 16 is already "
                 "owned by serializer 'hostser'"}),
     [](const auto& info) { return std::string(std::get<0>(info.param)); });
 
-// Malformed JSON, an unreadable file, and a topology built in code (no line to name).
-TEST(TopologyTest, OtherErrorsNameWhatTheyCan) {
-  EXPECT_THAT(topologyError(
-                  [] { Topology::parse(replaced("\"size\": 4 }", "\"size\": 4, }"), "sw.json"); }),
-              HasSubstr("sw.json:10: malformed JSON: "));
-  EXPECT_EQ(topologyError([] { Topology::load("/nonexistent/sw.json"); }),
-            "/nonexistent/sw.json: cannot read the file");
-  Topology t = Topology::parse(kBase, "sw.json");
-  t.agents[0].requesterName.clear();
-  EXPECT_EQ(topologyError([&] { t.validate("built"); }),
-            "built: field 'dalAgent': agent 1 runs the DAL but has no requesterName");
-}
-
 TEST(TopologyTest, FieldsWithDefaultsTakeThem) {
   const Topology t = Topology::parse(kBase, "sw.json");
   const TableDef& host = t.devices[0].tables[0];
-  EXPECT_EQ(std::tuple(host.memoryEntrySize, host.instances, host.cacheable, host.hash),
-            std::tuple(8u, 1u, true, false));
+  EXPECT_EQ(host.memoryEntrySize, 8u);
+  EXPECT_EQ(host.instances, 1u);
+  EXPECT_TRUE(host.cacheable);
+  EXPECT_FALSE(host.hash);
   EXPECT_THAT(t.serializers[0].resources[0].dataMask, ::testing::ElementsAre(255, 15));
 }
 
@@ -110,10 +78,8 @@ TEST(TopologyTest, EmbeddedDefaultRoundTripsThroughJson) {
   const Topology def = Topology::embeddedDefault();
   const std::string json = def.toJson();
   const Topology back = Topology::parse(json, "default.json");
-  EXPECT_TRUE(back == def && back.toJson() == json);
-  ASSERT_EQ(back.serializers.size(), 2u);
-  EXPECT_EQ(back.serializers[0].resources[0].dataMask.size(), 8u);
-  EXPECT_TRUE(back.serializers[0].resources[1].dataMask.empty());
+  EXPECT_TRUE(back == def);
+  EXPECT_EQ(back.toJson(), json);
 }
 
 }  // namespace
