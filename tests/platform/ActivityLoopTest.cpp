@@ -87,18 +87,6 @@ TEST(ActivityLoopTest, AHandlerMayRemoveItselfAndOthersInTheSameTurn) {
   EXPECT_EQ(loop.descriptors(), 0u);
 }
 
-TEST(ActivityLoopTest, AClosedWriterIsReportedAsHangUp) {
-  ActivityLoop loop;
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  short seen = 0;
-  loop.descriptorIs(fds[0], POLLIN, [&](short revents) { seen = revents; });
-  close(fds[1]);
-  EXPECT_TRUE(loop.runOnce(1s));
-  EXPECT_TRUE(seen & POLLHUP);
-  close(fds[0]);
-}
-
 TEST(ActivityLoopTest, PostFromAnotherThreadRunsOnTheLoopThreadAndStopEndsRun) {
   ActivityLoop loop;
   std::thread::id ranOn;
