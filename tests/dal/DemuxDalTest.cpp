@@ -5,8 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "Zorvek/DemuxDalCreator.h"
 #include "dal/DalDoubles.h"
 
@@ -95,43 +93,6 @@ class DemuxDalTest : public ::testing::Test {
   Kel::Ptr<MemberDal> defaultDal = member("default", true);
   Kel::Ptr<DemuxDal> demux;
 };
-
-// ---------------------------------------------------------------------------------------
-// CmdIndexTuple and command-index tracking
-
-TEST(CmdIndexTupleTest, TextFormRoundTripsAndParsingStopsAfterClosing) {
-  const CmdIndexTuple t(0, std::numeric_limits<U64>::max());
-  const Kel::String text(
-      "Value('Zorvek::CmdIndexTuple', ** {'startingCmdIndex': 0, 'endingCmdIndex': "
-      "18446744073709551615})");
-  EXPECT_EQ(valueToStrep(t), text);
-  // Parsing stops after the closing parenthesis, where the enclosing text goes on.
-  const Kel::String withTail = text + ", rest";
-  Kel::String::IteratorConst it = withTail.cbegin();
-  EXPECT_EQ(CmdIndexTuple(it, withTail.cend()), t);
-  EXPECT_EQ(it - withTail.cbegin(), static_cast<std::ptrdiff_t>(text.size()));
-}
-
-TEST_F(DemuxDalTest, TrackingTurnsSnapshotIntoEnqueuedRanges) {
-  build();
-  const auto s1 = statusCol->processingStatusIs(DalId(1));
-  const auto s2 = statusCol->processingStatusIs(DalId(2));
-  s1->lastEnqueuedCmdIndexIs(10);
-  s2->lastEnqueuedCmdIndexIs(10);
-  const auto status = Kel::allocate<EnqueuedCmdStatus>();
-  status->enqueuedCmdIndexIs(DalId(9), CmdIndexTuple(3, 4));  // a DAL the collection lacks
-  demux->startTrackingCmdStatus(status);
-  using Map = EnqueuedCmdStatus::Map;
-  EXPECT_EQ(status->enqueuedCmdIndexes(), (Map{{1, {10, 0}}, {2, {10, 0}}, {9, {3, 4}}}));
-  EXPECT_TRUE(s2->cmdStatusTracking());
-  s2->lastEnqueuedCmdIndexIs(15);
-  const auto s3 = statusCol->processingStatusIs(DalId(3));  // appeared after the snapshot
-  s3->lastEnqueuedCmdIndexIs(4);
-  s3->cmdStatusTrackingIs(true);
-  demux->enqueuedCmdStatuses(status);
-  EXPECT_EQ(status->enqueuedCmdIndexes(), (Map{{2, {11, 15}}, {3, {1, 4}}, {9, {3, 4}}}));
-  for (const auto& s : {s1, s2, s3}) EXPECT_FALSE(s->cmdStatusTracking()) << s->dalId();
-}
 
 // ---------------------------------------------------------------------------------------
 // Routing
