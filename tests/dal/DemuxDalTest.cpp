@@ -167,6 +167,26 @@ TEST_F(DemuxDalDeathTest, TrackingStartWithoutStatusCollectionAborts) {
   EXPECT_DEATH(demux->startTrackingCmdStatus(status), assertion("pStatusCol"));
 }
 
+// The ranges themselves are reported end to end by the assembled-tree tests; here, what they do
+// not reach: a DAL the collection lacks, one that appears after the snapshot, and the
+// tracking flags, raised by the start and lowered by the collection.
+TEST_F(DemuxDalTest, TrackingTurnsSnapshotIntoEnqueuedRanges) {
+  build();
+  const auto s1 = statusCol->processingStatusIs(DalId(1));
+  s1->lastEnqueuedCmdIndexIs(10);
+  const auto status = Kel::allocate<EnqueuedCmdStatus>();
+  status->enqueuedCmdIndexIs(DalId(9), CmdIndexTuple(3, 4));
+  demux->startTrackingCmdStatus(status);
+  EXPECT_TRUE(s1->cmdStatusTracking());
+  const auto s2 = statusCol->processingStatusIs(DalId(2));
+  s2->lastEnqueuedCmdIndexIs(4);
+  demux->enqueuedCmdStatuses(status);
+  EXPECT_THAT(status->enqueuedCmdIndexes(),
+              UnorderedElementsAre(Pair(DalId(2), CmdIndexTuple(1, 4)),
+                                   Pair(DalId(9), CmdIndexTuple(3, 4))));
+  EXPECT_FALSE(s1->cmdStatusTracking());
+}
+
 TEST_F(DemuxDalTest, WaitsReachReadyMembersWithHardwareThenDefault) {
   const auto ready = member("ready", true), notReady = member("notReady", false),
              hwOff = member("hwOff", true);
