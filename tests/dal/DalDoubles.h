@@ -28,9 +28,7 @@ using Rid = const PhysicalResourceId&;
 
 constexpr PhysicalResourceId kTable{ResourceType::tableResource_, 0x41};
 constexpr PhysicalResourceId kNormalized{ResourceType::tableResource_, 0x40};
-constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x7};
 constexpr DeviceOffset kTableOffset = 0x1000;
-constexpr DeviceOffset kRegisterOffset = 0x2000;  // this offset and above: the register
 constexpr U16 kEntry = 8;
 constexpr PhysicalAddr kPhysAddr = 0xfeed0000;
 const std::vector<U8> kData = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -51,13 +49,11 @@ class MockRequester : public Requester {
   using Requester::takeCmdIndex;
 };
 
-// One table below kRegisterOffset, normalised to kNormalized, one register from it on; the
-// shadow maps an offset to the bytes last written there.
+// One table, normalised to kNormalized, at every offset; the shadow maps an offset to the
+// bytes last written there.
 class FakeHelper : public DalHelper {
  public:
-  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
-    return offset < kRegisterOffset ? kTable : kRegister;
-  }
+  PhysicalResourceId resourceId(DeviceOffset, void*) const override { return kTable; }
   PhysicalResourceId normalizedResourceId(Rid r) const override {
     return r == kTable ? kNormalized : r;
   }

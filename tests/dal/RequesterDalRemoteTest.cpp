@@ -143,9 +143,8 @@ TEST_F(RequesterDalRemoteTest, InitLocalCacheCreatesACachePerTableAndInstanceOnc
   dal->remoteResourceIs(kMissing, true);
   DalTrace trace("ZorvekRequesterDalRemote");
   dal->initLocalCache(1, false);
-  std::vector<CacheTableIndex> keys;
-  for (const auto& [index, table] : dal->localCaches()) keys.push_back(index);
-  EXPECT_THAT(keys, ElementsAre(at(1, kA), at(1, kR0), at(1, kR1), at(1, kR2)));
+  EXPECT_THAT(dal->localCaches(),
+              ElementsAre(Key(at(1, kA)), Key(at(1, kR0)), Key(at(1, kR1)), Key(at(1, kR2))));
   const Kel::Ptr<CacheTable> a = dal->localCache(at(1, kA));
   fill(1, 0x1008, 0x11);
   // An existing cache is handed back as it is: no free, no restart, its entries kept.
