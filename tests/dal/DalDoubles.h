@@ -46,7 +46,6 @@ class MockRequester : public Requester {
   MOCK_METHOD(S64, bulkRead, (DeviceId, Rid, DeviceOffset, Addr, U32, U32), (override));
   MOCK_METHOD(S64, bulkWrite, (Mask, Rid, DeviceOffset, Addr, const void*, U32, U32), (override));
   MOCK_METHOD(void, waitForCmdIndex, (U64), (override));
-  using Requester::takeCmdIndex;
 };
 
 // One table, normalised to kNormalized, at every offset; the shadow maps an offset to the

@@ -88,11 +88,6 @@ TEST_F(RequesterDalTest, VerifyWaitAndCheckerReachHelperAndRequester) {
   EXPECT_EQ(write(), 0);
   EXPECT_THAT(helper->verified, ElementsAre(Pair(kTable, tbl), Pair(kTable, tbl)));
   dal->waitForCompletion(0);  // hardware off: a wait would be an unexpected call
-  dal->hwAccessAllowedIs(true);
-  requester->takeCmdIndex();
-  requester->takeCmdIndex();
-  EXPECT_CALL(*requester, waitForCmdIndex(2));
-  dal->waitForCompletion(0);
   const auto checker = Kel::allocate<CoprocessorChecker>("checker");
   dal->coprocessorCheckerIs(checker);
   EXPECT_EQ(requester->coprocessorChecker(), checker);
