@@ -86,14 +86,11 @@ class FakeHelper : public DalHelper {
   mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
 };
 
-// Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
-// overrides dataMaskSelector but declares the override only when told to.
+// Shadow hooks over the helper's shadow, recording the sizes they are handed.
 class ShadowDal : public RequesterDal {
  public:
-  ShadowDal(const Kel::Ptr<Requester>& r, bool declareMask, Kel::Name name = "shadowDal")
-      : RequesterDal(std::move(name), r) {
-    dataMaskSelectorOverriddenIs(declareMask);
-  }
+  ShadowDal(const Kel::Ptr<Requester>& r, Kel::Name name = "shadowDal")
+      : RequesterDal(std::move(name), r) {}
   S32 doReadFromShadow(DeviceId d, DeviceOffset o, U16 size, void* data, void* optArg) override {
     shadowSizes.push_back(size);
     return helper()->shadowRead(d, o, size, data, optArg);
@@ -103,14 +100,7 @@ class ShadowDal : public RequesterDal {
     shadowSizes.push_back(size);
     return helper()->shadowWrite(d, o, size, data, optArg);
   }
-  U8* dataMaskSelector(DeviceOffset, void*, U16 size) override {
-    U8* mask = new U8[size]();
-    maskHandedOut = mask;
-    return mask;
-  }
-
   std::vector<U16> shadowSizes;
-  const void* maskHandedOut = nullptr;
 };
 
 // Turns every text level of one trace handle (the requester DAL's by default) on for one

@@ -32,7 +32,7 @@ const char* tf(bool b) { return b ? "True" : "False"; }
 class MemberDal : public ShadowDal {
  public:
   MemberDal(Kel::Name name, std::vector<std::string>* log)
-      : ShadowDal(Kel::allocate<StrictMock<MockRequester>>(), false, std::move(name)), log_(log) {}
+      : ShadowDal(Kel::allocate<StrictMock<MockRequester>>(), std::move(name)), log_(log) {}
   NOTED(hwAccessAllowed)
   NOTED(blocking)
   NOTED(reclaimWhenProgrammed)
