@@ -28,9 +28,7 @@ using Rid = const PhysicalResourceId&;
 
 constexpr PhysicalResourceId kTable{ResourceType::tableResource_, 0x41};
 constexpr PhysicalResourceId kNormalized{ResourceType::tableResource_, 0x40};
-constexpr PhysicalResourceId kRegister{ResourceType::registerResource_, 0x7};
 constexpr DeviceOffset kTableOffset = 0x1000;
-constexpr DeviceOffset kRegisterOffset = 0x2000;  // this offset and above: the register
 constexpr U16 kEntry = 8;
 constexpr PhysicalAddr kPhysAddr = 0xfeed0000;
 const std::vector<U8> kData = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -48,16 +46,13 @@ class MockRequester : public Requester {
   MOCK_METHOD(S64, bulkRead, (DeviceId, Rid, DeviceOffset, Addr, U32, U32), (override));
   MOCK_METHOD(S64, bulkWrite, (Mask, Rid, DeviceOffset, Addr, const void*, U32, U32), (override));
   MOCK_METHOD(void, waitForCmdIndex, (U64), (override));
-  using Requester::takeCmdIndex;
 };
 
-// One table below kRegisterOffset, normalised to kNormalized, one register from it on; the
-// shadow maps an offset to the bytes last written there.
+// One table, normalised to kNormalized, at every offset; the shadow maps an offset to the
+// bytes last written there.
 class FakeHelper : public DalHelper {
  public:
-  PhysicalResourceId resourceId(DeviceOffset offset, void*) const override {
-    return offset < kRegisterOffset ? kTable : kRegister;
-  }
+  PhysicalResourceId resourceId(DeviceOffset, void*) const override { return kTable; }
   PhysicalResourceId normalizedResourceId(Rid r) const override {
     return r == kTable ? kNormalized : r;
   }
@@ -91,14 +86,11 @@ class FakeHelper : public DalHelper {
   mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
 };
 
-// Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
-// overrides dataMaskSelector but declares the override only when told to.
+// Shadow hooks over the helper's shadow, recording the sizes they are handed.
 class ShadowDal : public RequesterDal {
  public:
-  ShadowDal(const Kel::Ptr<Requester>& r, bool declareMask, Kel::Name name = "shadowDal")
-      : RequesterDal(std::move(name), r) {
-    dataMaskSelectorOverriddenIs(declareMask);
-  }
+  ShadowDal(const Kel::Ptr<Requester>& r, Kel::Name name = "shadowDal")
+      : RequesterDal(std::move(name), r) {}
   S32 doReadFromShadow(DeviceId d, DeviceOffset o, U16 size, void* data, void* optArg) override {
     shadowSizes.push_back(size);
     return helper()->shadowRead(d, o, size, data, optArg);
@@ -108,14 +100,7 @@ class ShadowDal : public RequesterDal {
     shadowSizes.push_back(size);
     return helper()->shadowWrite(d, o, size, data, optArg);
   }
-  U8* dataMaskSelector(DeviceOffset, void*, U16 size) override {
-    U8* mask = new U8[size]();
-    maskHandedOut = mask;
-    return mask;
-  }
-
   std::vector<U16> shadowSizes;
-  const void* maskHandedOut = nullptr;
 };
 
 // Turns every text level of one trace handle (the requester DAL's by default) on for one

@@ -1,12 +1,10 @@
-// DemuxDalCreator: serializer ids, the ownership answer and the DAL-id counter; then, over a
-// private state database, the mounts doMounts requests, the queue requesters createRequester
-// makes and the DAL tree demuxDal() builds, with the environment variables that change it.
+// DemuxDalCreator: serializer ids and the ownership answer; then, over a private state
+// database, the mounts doMounts requests, the queue requesters createRequester makes and the
+// choices demuxDal() makes, with the environment variables that change them.
 #include "Zorvek/DemuxDalCreator.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <sstream>
 
 #include "Corvane/CoprocessorStatus.h"
 #include "Kel/Dir.h"
@@ -16,7 +14,6 @@
 #include "Skorra/MountGroup.h"
 #include "Zorvek/DemuxDal.h"
 #include "Zorvek/QueueRequester.h"
-#include "Zorvek/RequesterDalRemote.h"
 #include "Zorvek/RequesterDalSchan.h"
 #include "Zorvek/SchanRequester.h"
 #include "dal/DalDoubles.h"
@@ -34,22 +31,13 @@ constexpr const char* kWatchListPath = "platform/debug/watchlist";
 PhysicalResourceId table(U64 id) { return {ResourceType::tableResource_, id}; }
 LogicalResourceId logical(U64 id) { return {ResourceType::tableResource_, id}; }
 
-RequesterDataMask maskedL2() {
-  RequesterDataMask mask(true);
-  mask.maskByteIs(0, 0xff);
-  mask.maskByteIs(1, 0x0f);
-  return mask;
-}
-
 // Agent 1 ("fwd") reaches two serializers: l2ser (1, agent 2) owns logical 0x100 (tables 0x10
-// and 0x11, masked) and 0x101 (table 0x40, unmasked); aclser (2, agent 3) owns 0x200 (table
-// 0x30, unmasked). Serializer 3 is run by agent 1 itself.
+// and 0x11) and 0x101 (table 0x40); aclser (2, agent 3) owns 0x200 (table 0x30). Serializer 3
+// is run by agent 1 itself.
 class DemuxDalCreatorTest : public ::testing::Test {
  protected:
   DemuxDalCreatorTest() {
-    remote->dataMaskIs(logical(0x100), maskedL2());
-    remote->dataMaskIs(logical(0x101), RequesterDataMask(false));
-    remote->dataMaskIs(logical(0x200), RequesterDataMask(false));
+    for (U64 id : {0x100, 0x101, 0x200}) remote->dataMaskIs(logical(id), RequesterDataMask(false));
     db->entityIs(kWatchListPath, watchList);
     fill(remote, "");
   }
@@ -100,20 +88,13 @@ class DemuxDalCreatorTest : public ::testing::Test {
 
 SerializerId parse(const Kel::String& text) { return SerializerId(text.begin(), text.end()); }
 
-TEST(SerializerIdTest, TextRoundTripsAndOrderIsByValue) {
+TEST(SerializerIdTest, TextRoundTripsAndBadTextIsRefused) {
   for (U16 value : {0, 1, 4242, 65535}) {
-    std::ostringstream os;
-    os << SerializerId(value);
-    EXPECT_EQ(std::pair(os.str(), valueToStrep(SerializerId(value))),
-              std::pair(std::to_string(value), Kel::String(std::to_string(value))));
+    EXPECT_EQ(valueToStrep(SerializerId(value)), Kel::String(std::to_string(value)));
     EXPECT_EQ(parse(valueToStrep(SerializerId(value))), SerializerId(value));
   }
   for (const char* bad : {"", "x1", "-1", " 1", "65536", "12a", "7 "})
     EXPECT_THROW(parse(bad), Kel::ParseError) << bad;
-  EXPECT_EQ(SerializerId(), SerializerId(0));
-  EXPECT_TRUE(SerializerId(1) < SerializerId(2));
-  EXPECT_FALSE(SerializerId(2) < SerializerId(1) || SerializerId(3) < SerializerId(3));
-  EXPECT_EQ(std::hash<SerializerId>()(SerializerId(513)), 513u);
 }
 
 const LogicalResourceId kLogical{ResourceType::tableResource_, 0x70};
@@ -138,20 +119,10 @@ TEST_F(DemuxDalCreatorTest, OwnerAgentFollowsTheMapsOrIsUnknown) {
       if (agent >= 0) info->agentIdIs(AgentId(agent));
     }
     EXPECT_EQ(fresh->ownerAgentIdForPhysicalResource(kPhysical), owner) << serializer;
-    EXPECT_EQ(mapped ? fresh->ownerAgentIdForLogicalResource(kLogical) : owner, owner);
+    if (mapped) {
+      EXPECT_EQ(fresh->ownerAgentIdForLogicalResource(kLogical), owner);
+    }
   }
-}
-
-TEST(DemuxDalCreatorLifetimeTest, ReleasingCreatorReleasesItsEntities) {
-  const std::int64_t live = Kel::TypeRegistry::liveEntities();
-  auto creator = demuxDalCreatorFactory(1, nullptr, "");
-  creator->serializerInfoIs(SerializerId(0));
-  creator->serializerInfoIs(SerializerId(1));
-  creator->dalProcessingStatusColIs();
-  creator->physicalRemoteResourcesIs(kLogical, Kel::allocate<PhysicalResourceIdCol>());
-  EXPECT_EQ(Kel::TypeRegistry::liveEntities(), live + 5);
-  creator = nullptr;
-  EXPECT_EQ(Kel::TypeRegistry::liveEntities(), live);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -175,16 +146,15 @@ TEST_F(DemuxDalCreatorTest, DoMountsRequestsTheExpectedMountsInOrder) {
   // remote resources, own serializer described, simulation (serializer 2), log path, mounts
   // ahead of those of the remote serializers
   for (const auto& [remoteResources, ownSerializer, simulation, logPath, mounts] :
+       // clang-format off
        std::vector<std::tuple<bool, bool, bool, const char*, std::vector<Skorra::Mount>>>{
-           {true,
-            true,
-            true,
-            kLogPath,
+           {true, true, true, kLogPath,
             {dir("ser/fwdser/config", "ri"), dir("ser/fwdser/status", "wi"),
              dir("ser/aclser/config", "wi"), dir("ser/aclser/status", "ri"), kLogMount}},
            {false, false, false, "", {kWatchListMount}},
            {false, false, false, kLogPath, {kLogMount, kWatchListMount}},
            {true, false, false, "", {}}}) {
+    // clang-format on
     fill(remoteResources ? remote : nullptr, logPath);
     if (!ownSerializer) creator->serializerInfoDel(SerializerId(3));
     creator->useSimulationForDefaultDalIs(simulation);
@@ -217,12 +187,11 @@ class QueuePublished : public Kel::Dir::NotifieeConst {
   Kel::Ptr<const DemuxDalCreator> creator_;
 };
 
+// The queue and its kick take the requester's and the serializer's names. Its directories and
+// processing status are used end to end by the assembled-tree tests.
 TEST_F(DemuxDalCreatorTest, MakesNamedQueuesWithConsecutiveDalIds) {
-  for (const auto& [serializer, queue, kick, trackErrors] :
-       {std::tuple("l2ser", "fwd-l2ser-Queue", "Kick-fwd-l2ser-Requester", true),
-        {"", "fwd--Queue", "Kick-fwd--Requester", false}}) {
+  for (bool trackErrors : {false, true}) {
     fill(remote, "");
-    creator->serializerInfo(SerializerId(1))->nameIs(serializer);
     creator->trackErrorsIs(trackErrors);
     mount();
     auto published = Kel::allocate<QueuePublished>(creator);
@@ -230,13 +199,11 @@ TEST_F(DemuxDalCreatorTest, MakesNamedQueuesWithConsecutiveDalIds) {
     // Two calls for one serializer: the same names, consecutive DAL ids.
     for (U8 i = 0; i < 2; ++i) {
       const Kel::Ptr<QueueRequester> r = createRequester(1);
-      EXPECT_EQ(
-          std::tuple(r->name(), r->kickName(), r->kickFifoName(), r->agentId(), r->queueSize()),
-          std::tuple(queue, kick, "kick-l2ser", kMe, 1024u));
+      EXPECT_EQ(r->name(), "fwd-l2ser-Queue");
+      EXPECT_EQ(r->kickName(), "Kick-fwd-l2ser-Requester");
+      EXPECT_EQ(r->kickFifoName(), "kick-l2ser");
+      EXPECT_EQ(r->agentId(), kMe);
       EXPECT_EQ(r->dalId(), DalId(i));
-      EXPECT_EQ(r->processingStatus(),
-                creator->dalProcessingStatusCol()->processingStatus(DalId(i)));
-      EXPECT_TRUE(r->configDir() && r->statusDir());
       EXPECT_EQ(r->watchLog().watchList(), watchList);
     }
     EXPECT_EQ(creator->nextDalId(), DalId(2));
@@ -244,49 +211,14 @@ TEST_F(DemuxDalCreatorTest, MakesNamedQueuesWithConsecutiveDalIds) {
   }
   describe(4, 5, "spare", {});  // serves nothing this agent reaches: never mounted
   const Kel::Ptr<QueueRequester> spare = createRequester(4);
-  EXPECT_TRUE(!spare->configDir() && !spare->statusDir() && !spare->queue());
+  EXPECT_EQ(spare->configDir(), nullptr);
+  EXPECT_EQ(spare->statusDir(), nullptr);
+  EXPECT_EQ(spare->queue(), nullptr);
 }
 
 // ---------------------------------------------------------------------------------------
-// demuxDal()
-
-TEST_F(DemuxDalCreatorTest, BuildsOneRemoteDalPerSerializerBehindTheSchanDefault) {
-  doubles::DalTrace trace("ZorvekDemuxDalCreator");
-  const Kel::Ptr<DemuxDal> dal = build();
-  EXPECT_EQ(std::tuple(dal->name(), dal->demuxDalCreator(), dal->dalProcessingStatusCol()),
-            std::tuple("demuxDal", creator, creator->dalProcessingStatusCol()));
-  const auto schan = Kel::dynamicPtrCast<RequesterDalSchan>(dal->defaultDal());
-  ASSERT_NE(schan, nullptr);
-  EXPECT_EQ(
-      std::tuple(schan->name(), schan->requester()->name(), schan->requester()->dalId(),
-                 schan->schanRequester()->queueSize(), schan->schanRequester()->ownerAgentId()),
-      std::tuple("SchanRequesterDal", "fwd-Schan-Queue", DalId(0), 1024u, kMe));
-  // One DAL per serializer, under each physical id it serves (routing itself is followed end to
-  // end by the assembled-tree tests).
-  const auto remoteDal = [&](U64 id) {
-    return Kel::dynamicPtrCast<RequesterDalRemote>(dal->resourceIdToDalMap()->dal(table(id)));
-  };
-  const Kel::Ptr<RequesterDalRemote> l2 = remoteDal(0x10), acl = remoteDal(0x30);
-  EXPECT_EQ(std::tuple(remoteDal(0x11), remoteDal(0x40), dal->resourceIdToDalMap()->size()),
-            std::tuple(l2, l2, 4u));
-  EXPECT_EQ(l2->name() + " " + acl->name(), "fwd-l2ser-Queue fwd-aclser-Queue");
-  EXPECT_EQ(std::tuple(l2->requester()->dalId(), acl->requester()->dalId(), creator->nextDalId()),
-            std::tuple(DalId(1), DalId(2), DalId(3)));
-  EXPECT_THAT(l2->remoteResources(),
-              UnorderedElementsAre(Key(table(0x10)), Key(table(0x11)), Key(table(0x40))));
-  EXPECT_THAT(acl->remoteResources(), ElementsAre(Key(table(0x30))));
-  // Only the flagged mask makes map entries; aclser has no flagged mask at all.
-  ASSERT_NE(l2->resourceIdToDataMaskMap(), nullptr);
-  EXPECT_THAT(l2->resourceIdToDataMaskMap()->dataMaskCol(),
-              UnorderedElementsAre(Pair(table(0x10), maskedL2()), Pair(table(0x11), maskedL2())));
-  EXPECT_EQ(acl->resourceIdToDataMaskMap(), nullptr);
-  std::vector<std::string> expected = {"Creating schan requester", "Found existing dal for 1"};
-  for (const char* id : {"0x10", "0x11", "0x40", "0x30"})
-    expected.push_back(std::string("Setting requester dal for resource type tableResource id ") +
-                       id);
-  const auto messages = trace.messages("ZorvekDemuxDalCreator");
-  for (const std::string& m : expected) EXPECT_EQ(std::ranges::count(messages, m), 1) << m;
-}
+// demuxDal(): which DALs and which coprocessor status; routing through the tree it builds is
+// followed end to end by the assembled-tree tests.
 
 // Without remote resources, or with XP_FORCE_LOCAL_SHADOW_ACCESS set (even empty), the tree is
 // the S-channel DAL alone: no route, and createRequester is never called.
@@ -301,8 +233,8 @@ TEST_F(DemuxDalCreatorTest, NamesTheSchanQueueAndBuildsNoRemoteDalWhenNoneIsWant
     creator->sliceIdIs(slice);
     const Kel::Ptr<DemuxDal> dal = build();
     EXPECT_EQ(dal->defaultDal()->requester()->name(), queue);
-    EXPECT_EQ(std::pair(dal->resourceIdToDalMap()->size(), creator->nextDalId()),
-              std::pair(std::size_t{0}, DalId(1)));
+    EXPECT_EQ(dal->resourceIdToDalMap()->size(), 0u);
+    EXPECT_EQ(creator->nextDalId(), DalId(1));
   }
 }
 
@@ -330,7 +262,6 @@ TEST_F(DemuxDalCreatorTest, PicksTheCoprocessorStatus) {
     const Kel::Ptr<Corvane::CoprocessorStatus> local = creator->localCoprocessorStatus();
     EXPECT_EQ(schan->coprocessorStatus(), external ? supplied : local);
     EXPECT_EQ(local == nullptr, external);
-    EXPECT_TRUE(!local || local->name() == "dalCoprocessorStatus");
     EXPECT_EQ(creator->coprocessorStatusAttrLog(), fedByLog ? log : nullptr);
     const auto adapter = creator->coprocessorStatusAdapterSm();
     EXPECT_EQ(adapter ? adapter->coprocessorStatus() : nullptr, withPath ? local : nullptr);
