@@ -12,5 +12,7 @@ function(zorvek_test source)
   add_executable(${name} ${source})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  # Where tests find their data files (topologies, ...).
+  target_compile_definitions(${name} PRIVATE ZORVEK_TEST_DATA="${PROJECT_SOURCE_DIR}/tests")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${ARG_LABELS}")
 endfunction()

@@ -783,31 +783,7 @@ class ModelRun {
 // remote table without one; a serializer that owns nothing; S-channel resources that are
 // not cacheable.
 Topology maskedVariant() {
-  return Topology::parse(R"({
-  "dalAgent": 5,
-  "agents": [ { "id": 5, "requesterName": "ctl" }, { "id": 6, "requesterName": "mpls" },
-              { "id": 7, "requesterName": "qos" } ],
-  "devices": [ { "id": 0,
-    "tables": [
-      { "name": "label", "id": 96, "entrySize": 8, "memoryEntrySize": 24, "entryCount": 256,
-        "instances": 3 },
-      { "name": "policer", "id": 112, "entrySize": 12, "entryCount": 512 },
-      { "name": "stats", "id": 128, "entrySize": 8, "entryCount": 256, "cacheable": false },
-      { "name": "nexthop", "id": 144, "entrySize": 4, "entryCount": 128 } ],
-    "registers": [ { "name": "mode", "id": 1, "size": 4, "cacheable": false },
-                   { "name": "ttl", "id": 2, "size": 12 } ] } ],
-  "serializers": [
-    { "id": 3, "agent": 6, "name": "mplsser", "kickQueue": "kick-mpls",
-      "configDir": "serializers/mpls/config", "statusDir": "serializers/mpls/status",
-      "resources": [ { "id": 600, "tables": [96], "dataMask": [15, 0, 255, 128, 0, 1] } ] },
-    { "id": 4, "agent": 7, "name": "qosser", "kickQueue": "kick-qos",
-      "configDir": "serializers/qos/config", "statusDir": "serializers/qos/status",
-      "resources": [ { "id": 700, "tables": [112],
-                       "dataMask": [255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255] },
-                     { "id": 701, "tables": [144] } ] },
-    { "id": 9, "agent": 7, "name": "idleser", "kickQueue": "kick-idle",
-      "configDir": "serializers/idle/config", "statusDir": "serializers/idle/status" } ] })",
-                         "maskedVariant");
+  return Topology::load(ZORVEK_TEST_DATA "/sim/topologies/masked-variant.json");
 }
 
 struct TopologyCase {
