@@ -18,7 +18,7 @@
 #include "Kel/String.h"
 #include "Zorvek/CoprocessorChecker.h"
 #include "Zorvek/DalHelper.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 // The accessors of one per-resource U64 counter collection: read (0 when absent), set,
 // delete one, delete all, and the whole collection for iteration.

@@ -16,7 +16,7 @@
 #include "Duwisp/Duwisp.h"
 #include "Kel/Trace.h"
 #include "Kwisp/Kwisp.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace {
 

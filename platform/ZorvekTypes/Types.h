@@ -1,5 +1,8 @@
-// The identifier and value types shared by every Zorvek library: devices and targets,
-// resource ids with their hash, requester commands, DAL and agent ids, and the bulk limit.
+// The Zorvek types library: the identifier and value types shared by every Zorvek library
+// (devices and targets, resource ids with their hash, requester commands, DAL and agent ids,
+// and the bulk limit). It sits below every library that names a device or a resource (the
+// watch list of Orv, the requesters of Zorvek, the DAL) and depends only on Kel and Corvane,
+// so that the platform's libraries stack one way.
 #pragma once
 
 #include <cstdint>
@@ -102,7 +105,8 @@ constexpr U32 oneAtATimeBytes(U32 h, U64 v, int bytes) noexcept {
 constexpr U32 oneAtATimeId(U32 h, U64 id) noexcept {
   [&]<int... I>(std::integer_sequence<int, I...>) {
     ((h = oneAtATimeStep(h, static_cast<U8>(id >> (8 * I)))), ...);
-  }(std::make_integer_sequence<int, 8>{});
+  }
+  (std::make_integer_sequence<int, 8>{});
   return h;
 }
 constexpr U32 oneAtATimeFinish(U32 h) noexcept {
@@ -171,9 +175,7 @@ class FixedTypeResourceId {
   constexpr explicit FixedTypeResourceId(U64 id) noexcept : id_(id) {}
   static constexpr ResourceType type() noexcept { return kType; }
   constexpr U64 id() const noexcept { return id_; }
-  constexpr U32 hash() const noexcept {
-    return oneAtATimeFinish(oneAtATimeId(kHashState, id_));
-  }
+  constexpr U32 hash() const noexcept { return oneAtATimeFinish(oneAtATimeId(kHashState, id_)); }
   constexpr PhysicalResourceId resourceId() const noexcept { return {kType, id_}; }
   friend constexpr bool operator==(FixedTypeResourceId, FixedTypeResourceId) noexcept = default;
   friend constexpr bool operator<(FixedTypeResourceId a, FixedTypeResourceId b) noexcept {
