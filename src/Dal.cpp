@@ -104,32 +104,30 @@ void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
   cacheReadHits_ += 1;
   const PhysicalResourceId rid = accessResourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheReadTableHits_.inc(PhysicalTableId(rid.id()));
+    cacheReadTableHits_.inc(PhysicalTableId(rid));
   else
-    cacheReadRegHits_.inc(PhysicalRegisterId(rid.id()));
+    cacheReadRegHits_.inc(PhysicalRegisterId(rid));
 }
 
 void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
   cacheReadMisses_ += 1;
   const PhysicalResourceId rid = accessResourceId(offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheReadTableMisses_.inc(PhysicalTableId(rid.id()));
+    cacheReadTableMisses_.inc(PhysicalTableId(rid));
   else
-    cacheReadRegMisses_.inc(PhysicalRegisterId(rid.id()));
+    cacheReadRegMisses_.inc(PhysicalRegisterId(rid));
 }
 
 void Dal::doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteHits_ += 1;
   const PhysicalResourceId rid = accessResourceId(offset, optArg);
-  if (rid.type() == ResourceType::tableResource_)
-    cacheWriteTableHits_.inc(PhysicalTableId(rid.id()));
+  if (rid.type() == ResourceType::tableResource_) cacheWriteTableHits_.inc(PhysicalTableId(rid));
 }
 
 void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteMisses_ += 1;
   const PhysicalResourceId rid = accessResourceId(offset, optArg);
-  if (rid.type() == ResourceType::tableResource_)
-    cacheWriteTableMisses_.inc(PhysicalTableId(rid.id()));
+  if (rid.type() == ResourceType::tableResource_) cacheWriteTableMisses_.inc(PhysicalTableId(rid));
 }
 
 }  // namespace Zorvek

@@ -143,7 +143,7 @@ RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid, void* optArg) {
                  forceUseDefaultDal_);
     return defaultDal_.ptr();
   }
-  const auto entry = resourceIdToDalMap_->dals().find(normalized);
+  const auto entry = findByKey(resourceIdToDalMap_->dals(), normalized);
   RequesterDal* const found =
       entry == resourceIdToDalMap_->dals().end() ? nullptr : entry->second.ptr();
   if (!resourceOwnershipCheckEnabled_) return found ? found : defaultDal_.ptr();

@@ -99,7 +99,7 @@ Kel::Ptr<CacheTable> RequesterDalRemote::initOneLocalCache(const CacheTableIndex
   }
   KEL_ASSERT(prrid.type() == ResourceType::tableResource_);
   const U32 entrySize = helper()->memoryEntrySizeBytes(devId, prrid);
-  const U32 numEntries = helper()->numMemoryEntries(devId, PhysicalTableId(prrid.id()));
+  const U32 numEntries = helper()->numMemoryEntries(devId, PhysicalTableId(prrid));
   const Kel::Ptr<CacheTable> lCache =
       localCacheIs(requester()->agentId(), tableIndex, numEntries, entrySize);
   KEL_ASSERT(lCache);

@@ -42,7 +42,7 @@ template <class Key>
 class DalCounterCollection {
  public:
   U64 value(const Key& k) const {
-    auto it = map_.find(k);
+    auto it = findByKey(map_, k);
     return it == map_.end() ? 0 : it->second;
   }
   void valueIs(const Key& k, U64 v) { map_[k] = v; }
