@@ -167,8 +167,7 @@ S32 RequesterDal::routedWrite(const PhysicalResourceId& rid, const TargetMask& t
     return 0;
   }
   KEL_ASSERT(hwAccessAllowed());
-  const std::unique_ptr<U8[]> mask(
-      dataMaskSelectorOverridden() ? dataMaskSelector(offset, optArg, size) : nullptr);
+  const std::unique_ptr<U8[]> mask(dataMaskSelector(offset, optArg, size));
   // The requester copies the data and never writes through the pointer.
   void* payload = const_cast<void*>(data);
   const S64 cmdIndex = blocking()

@@ -26,7 +26,6 @@ RequesterDalRemote::RequesterDalRemote(
     Kel::Name name, const Kel::Ptr<Requester>& requester,
     const Kel::Ptr<ResourceIdToDataMaskMap>& resourceIdToDataMaskMap)
     : RequesterDal(std::move(name), requester), resourceIdToDataMaskMap_(resourceIdToDataMaskMap) {
-  dataMaskSelectorOverriddenIs(true);
   handleInitialized();
 }
 

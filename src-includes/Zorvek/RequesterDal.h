@@ -5,8 +5,7 @@
 // Per access it decides whether the shadow alone serves the access, whether the hardware is
 // touched, and how the policy flags of the Dal combine. The shadow itself lives in the
 // derived DALs, behind the doReadFromShadow / doWriteToShadow hooks; a derived DAL that
-// supplies write masks overrides dataMaskSelector and says so with
-// dataMaskSelectorOverriddenIs(true) when it is constructed.
+// supplies write masks overrides dataMaskSelector, which every hardware write asks.
 //
 // Readiness: a RequesterDal is ready when its requester is ready, or at once while hardware
 // access is off (DalReadySm below). Used from the agent's activity thread only.
@@ -58,7 +57,8 @@ class KEL_EXPORT RequesterDal : public Dal {
   virtual S32 doWriteToShadow(DeviceId devId, DeviceOffset offset, U16 size, const void* data,
                               void* optArg);
   // The bytes of the entry this agent may write, as a new array of `size` bytes that the
-  // caller releases with delete[]; null when the whole entry is written.
+  // caller releases with delete[]; null when the whole entry is written, which is all the
+  // base answers. Asked on every write that reaches the requester.
   virtual U8* dataMaskSelector(DeviceOffset offset, void* optArg, U16 size);
 
   // 0: the shadow served the read; -1: the hardware must be read.
@@ -73,8 +73,6 @@ class KEL_EXPORT RequesterDal : public Dal {
 
  protected:
   ~RequesterDal() override;
-  bool dataMaskSelectorOverridden() const { return dataMaskSelectorOverridden_; }
-  void dataMaskSelectorOverriddenIs(bool v) { dataMaskSelectorOverridden_ = v; }
 
  private:
   // doBulkOperation with the resource already resolved (or null to ask the helper).
@@ -83,7 +81,6 @@ class KEL_EXPORT RequesterDal : public Dal {
 
   Kel::Ptr<Requester> requester_;
   Kel::Ptr<DalReadySm> dalReadySm_;
-  bool dataMaskSelectorOverridden_ = false;
 };
 
 // Keeps `dal->ready()` equal to: !dal->hwAccessAllowed() || requester->ready(). It watches

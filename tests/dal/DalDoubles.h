@@ -91,14 +91,13 @@ class FakeHelper : public DalHelper {
   mutable std::vector<std::pair<PhysicalResourceId, DeviceOffset>> verified;
 };
 
-// Shadow hooks over the helper's shadow, recording the sizes they are handed. It always
-// overrides dataMaskSelector but declares the override only when told to.
+// Shadow hooks over the helper's shadow, recording the sizes they are handed. Its
+// dataMaskSelector hands out a mask of its own only when told to, and otherwise answers as
+// the base does.
 class ShadowDal : public RequesterDal {
  public:
-  ShadowDal(const Kel::Ptr<Requester>& r, bool declareMask, Kel::Name name = "shadowDal")
-      : RequesterDal(std::move(name), r) {
-    dataMaskSelectorOverriddenIs(declareMask);
-  }
+  ShadowDal(const Kel::Ptr<Requester>& r, bool handOutMask, Kel::Name name = "shadowDal")
+      : RequesterDal(std::move(name), r), handOutMask_(handOutMask) {}
   S32 doReadFromShadow(DeviceId d, DeviceOffset o, U16 size, void* data, void* optArg) override {
     shadowSizes.push_back(size);
     return helper()->shadowRead(d, o, size, data, optArg);
@@ -108,7 +107,8 @@ class ShadowDal : public RequesterDal {
     shadowSizes.push_back(size);
     return helper()->shadowWrite(d, o, size, data, optArg);
   }
-  U8* dataMaskSelector(DeviceOffset, void*, U16 size) override {
+  U8* dataMaskSelector(DeviceOffset offset, void* optArg, U16 size) override {
+    if (!handOutMask_) return RequesterDal::dataMaskSelector(offset, optArg, size);
     U8* mask = new U8[size]();
     maskHandedOut = mask;
     return mask;
@@ -116,6 +116,9 @@ class ShadowDal : public RequesterDal {
 
   std::vector<U16> shadowSizes;
   const void* maskHandedOut = nullptr;
+
+ private:
+  bool handOutMask_;
 };
 
 // Turns every text level of one trace handle (the requester DAL's by default) on for one

@@ -21,8 +21,8 @@ constexpr DeviceOffset tbl = kTableOffset;
 
 class RequesterDalTest : public ::testing::Test {
  public:
-  Kel::Ptr<ShadowDal> makeDal(bool declareMask) {
-    auto d = Kel::allocate<ShadowDal>(requester, declareMask);
+  Kel::Ptr<ShadowDal> makeDal(bool handOutMask) {
+    auto d = Kel::allocate<ShadowDal>(requester, handOutMask);
     d->helperIs(helper);
     return d;
   }
@@ -60,8 +60,8 @@ class RequesterDalTest : public ::testing::Test {
 // Single accesses
 
 // The caller's data and the reclaim flag travel as they are, blocking picks blockingWrite, and
-// a mask is asked for only when the DAL declares its selector. The shadow policy around the
-// write is followed step by step by the model test of the assembled tree.
+// the mask is whatever the DAL's selector hands out (null from the base's). The shadow policy
+// around the write is followed step by step by the model test of the assembled tree.
 TEST_F(RequesterDalTest, HardwareWriteCarriesDataReclaimAndDeclaredMask) {
   for (bool declare : {false, true}) {
     dal = makeDal(declare);
