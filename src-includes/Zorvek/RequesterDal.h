@@ -39,18 +39,6 @@ class KEL_EXPORT RequesterDal : public Dal {
   S32 dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data, void* optArg) override;
   void handleCoprocessorChecker() override;
 
-  // The same accesses, for a caller that has already asked this DAL's helper for the
-  // access's resource (`rid` = helper()->resourceId(offset, optArg)): a DemuxDal routing the
-  // access. The helper is not asked again.
-  S32 routedWrite(const PhysicalResourceId& rid, const TargetMask& targetMask, DeviceOffset offset,
-                  U16 size, const void* data, void* optArg);
-  S32 routedRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset, U16 size,
-                 void* data, void* optArg);
-  S32 routedBulkWrite(const PhysicalResourceId& rid, const TargetMask& targetMask,
-                      DeviceOffset offset, U32 size, const void* data, void* optArg);
-  S32 routedBulkRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset, U32 size,
-                     void* data, void* optArg);
-
   // Shadow hooks of the derived DALs: 0 when the shadow served the access, -1 when not.
   virtual S32 doReadFromShadow(DeviceId devId, DeviceOffset offset, U16 size, void* data,
                                void* optArg);
@@ -75,10 +63,6 @@ class KEL_EXPORT RequesterDal : public Dal {
   ~RequesterDal() override;
 
  private:
-  // doBulkOperation with the resource already resolved (or null to ask the helper).
-  S32 bulkOperation(const PhysicalResourceId* resolved, const TargetMask& targetMask,
-                    DeviceOffset offset, void* data, U32 size, void* optArg, Command cmd);
-
   Kel::Ptr<Requester> requester_;
   Kel::Ptr<DalReadySm> dalReadySm_;
 };
