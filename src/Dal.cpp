@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "AccessScope.h"
 #include "Kel/Assert.h"
 
 namespace Zorvek {
@@ -90,46 +91,44 @@ void Dal::coprocessorCheckerIs(const Kel::Ptr<CoprocessorChecker>& c) {
   handleCoprocessorChecker();
 }
 
-bool Dal::accessCacheable(DeviceId devId, const PhysicalResourceId& rid) const {
-  AccessScope::Access* a = access_;
-  if (!a || !(a->rid == rid)) return helper()->cacheable(devId, rid);
-  if (a->cacheable < 0 || !(a->cacheableDevId == devId)) {
-    a->cacheable = helper()->cacheable(devId, rid);
-    a->cacheableDevId = devId;
-  }
-  return a->cacheable != 0;
-}
-
 void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
   cacheReadHits_ += 1;
-  const PhysicalResourceId rid = accessResourceId(offset, optArg);
+  const PhysicalResourceId rid = detail::AccessScope::resourceId(*this, offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheReadTableHits_.inc(PhysicalTableId(rid.id()));
+    cacheReadTableHits_.inc(PhysicalTableId(rid));
   else
-    cacheReadRegHits_.inc(PhysicalRegisterId(rid.id()));
+    cacheReadRegHits_.inc(PhysicalRegisterId(rid));
 }
 
 void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
   cacheReadMisses_ += 1;
-  const PhysicalResourceId rid = accessResourceId(offset, optArg);
+  const PhysicalResourceId rid = detail::AccessScope::resourceId(*this, offset, optArg);
   if (rid.type() == ResourceType::tableResource_)
-    cacheReadTableMisses_.inc(PhysicalTableId(rid.id()));
+    cacheReadTableMisses_.inc(PhysicalTableId(rid));
   else
-    cacheReadRegMisses_.inc(PhysicalRegisterId(rid.id()));
+    cacheReadRegMisses_.inc(PhysicalRegisterId(rid));
 }
 
 void Dal::doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteHits_ += 1;
-  const PhysicalResourceId rid = accessResourceId(offset, optArg);
-  if (rid.type() == ResourceType::tableResource_)
-    cacheWriteTableHits_.inc(PhysicalTableId(rid.id()));
+  const PhysicalResourceId rid = detail::AccessScope::resourceId(*this, offset, optArg);
+  if (rid.type() == ResourceType::tableResource_) cacheWriteTableHits_.inc(PhysicalTableId(rid));
 }
 
 void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
   cacheWriteMisses_ += 1;
-  const PhysicalResourceId rid = accessResourceId(offset, optArg);
-  if (rid.type() == ResourceType::tableResource_)
-    cacheWriteTableMisses_.inc(PhysicalTableId(rid.id()));
+  const PhysicalResourceId rid = detail::AccessScope::resourceId(*this, offset, optArg);
+  if (rid.type() == ResourceType::tableResource_) cacheWriteTableMisses_.inc(PhysicalTableId(rid));
+}
+
+bool detail::AccessScope::cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid) {
+  AccessScope* a = dal.access_;
+  if (!a || !(a->rid_ == rid)) return dal.helper()->cacheable(devId, rid);
+  if (a->cacheable_ < 0 || !(a->cacheableDevId_ == devId)) {
+    a->cacheable_ = dal.helper()->cacheable(devId, rid);
+    a->cacheableDevId_ = devId;
+  }
+  return a->cacheable_ != 0;
 }
 
 }  // namespace Zorvek

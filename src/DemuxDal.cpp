@@ -5,6 +5,7 @@
 #include <ostream>
 #include <vector>
 
+#include "AccessScope.h"
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
 #include "Kel/Parse.h"
@@ -143,7 +144,7 @@ RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid, void* optArg) {
                  forceUseDefaultDal_);
     return defaultDal_.ptr();
   }
-  const auto entry = resourceIdToDalMap_->dals().find(normalized);
+  const auto entry = findByKey(resourceIdToDalMap_->dals(), normalized);
   RequesterDal* const found =
       entry == resourceIdToDalMap_->dals().end() ? nullptr : entry->second.ptr();
   if (!resourceOwnershipCheckEnabled_) return found ? found : defaultDal_.ptr();
@@ -171,15 +172,16 @@ RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid, void* optArg) {
 
 // The accesses call the RequesterDal implementation directly, not through the virtual
 // table, and hand back its result unchanged. The resource this DemuxDal's helper gave for
-// the routing goes with the access, so that a member with the same helper does not ask it
-// again; a member with a helper of its own asks its own.
+// the routing goes with the access when the DAL routed to has the same helper, so that the
+// helper is not asked again; a DAL with a helper of its own asks its own.
 S32 DemuxDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                        const void* data, void* optArg) {
   const PhysicalResourceId rid = helper()->resourceId(offset, optArg);
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalWrite(targetMask, offset, size, data, optArg);
-  return dal->routedWrite(rid, targetMask, offset, size, data, optArg);
+  const detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::resolvedWrite(*dal, rid, targetMask, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
@@ -187,7 +189,8 @@ S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data,
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalRead(devId, offset, size, data, optArg);
-  return dal->routedRead(rid, devId, offset, size, data, optArg);
+  const detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::resolvedRead(*dal, rid, devId, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,
@@ -197,7 +200,9 @@ S32 DemuxDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U3
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalBulkWrite(targetMask, offset, size, data, optArg);
-  return dal->routedBulkWrite(rid, targetMask, offset, size, data, optArg);
+  const detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::resolvedBulkOperation(*dal, rid, targetMask, offset, const_cast<void*>(data), size,
+                                       optArg, bulkWriteCmd());
 }
 
 S32 DemuxDal::dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data, void* optArg) {
@@ -206,7 +211,9 @@ S32 DemuxDal::dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* d
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalBulkRead(devId, offset, size, data, optArg);
-  return dal->routedBulkRead(rid, devId, offset, size, data, optArg);
+  const detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::resolvedBulkOperation(*dal, rid, oneDeviceMask(devId), offset, data, size, optArg,
+                                       bulkReadCmd());
 }
 
 // ---------------------------------------------------------------------------------------

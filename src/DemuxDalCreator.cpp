@@ -77,7 +77,7 @@ std::string resourceTypeName(ResourceType type) {
 
 template <class Map>
 typename Map::mapped_type collectionValue(const Map& map, const typename Map::key_type& key) {
-  auto it = map.find(key);
+  auto it = findByKey(map, key);
   return it == map.end() ? typename Map::mapped_type() : it->second;
 }
 
@@ -288,7 +288,7 @@ AgentId DemuxDalCreator::ownerAgentIdForLogicalResource(const LogicalResourceId&
 }
 
 AgentId DemuxDalCreator::ownerAgentIdForPhysicalResource(const PhysicalResourceId& id) const {
-  auto it = physicalToLogicalResourceMap_.find(id);
+  auto it = findByKey(physicalToLogicalResourceMap_, id);
   if (it == physicalToLogicalResourceMap_.end()) return kInvalidAgentId;
   return ownerAgentIdForLogicalResource(it->second);
 }

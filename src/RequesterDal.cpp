@@ -6,6 +6,7 @@
 #include <memory>
 #include <sstream>
 
+#include "AccessScope.h"
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
 
@@ -52,8 +53,8 @@ S32 RequesterDal::readFromShadow(DeviceId devId, DeviceOffset offset, U16 size, 
       DUWISP_TRACE(th(), 8, "readFromShadow %s local shadow access is disabled", name());
       return -1;
     }
-    const PhysicalResourceId rid = accessResourceId(offset, optArg);
-    if (!forceReadFromShadow() && !accessCacheable(devId, rid)) {
+    const PhysicalResourceId rid = detail::AccessScope::resourceId(*this, offset, optArg);
+    if (!forceReadFromShadow() && !detail::AccessScope::cacheable(*this, devId, rid)) {
       doUpdateCacheMissOnRead(offset, optArg);
       return -1;
     }
@@ -112,15 +113,15 @@ S32 RequesterDal::writeToShadow(const TargetMask& targetMask, DeviceOffset offse
 }
 
 S32 RequesterDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
-  return routedRead(helper()->resourceId(offset, optArg), devId, offset, size, data, optArg);
+  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::resolvedRead(*this, access.resourceId(), devId, offset, size, data, optArg);
 }
 
-S32 RequesterDal::routedRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset,
-                             U16 size, void* data, void* optArg) {
-  const AccessScope access(*this, offset, optArg, rid);
-  if (verifyEnabled()) {
-    helper()->verifyOptArgMapping(devId, rid, offset, optArg);
-    const U32 entrySizeBytes = helper()->memoryEntrySizeBytes(devId, rid);
+S32 detail::resolvedRead(RequesterDal& dal, const PhysicalResourceId& rid, DeviceId devId,
+                         DeviceOffset offset, U16 size, void* data, void* optArg) {
+  if (dal.verifyEnabled()) {
+    dal.helper()->verifyOptArgMapping(devId, rid, offset, optArg);
+    const U32 entrySizeBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
     if (size != entrySizeBytes) {
       std::ostringstream os;
       os << "Failed("
@@ -132,50 +133,50 @@ S32 RequesterDal::routedRead(const PhysicalResourceId& rid, DeviceId devId, Devi
     }
   }
   DUWISP_TRACE(th(), 9, "RequesterDal::dalRead offset 0x%x size %s", offset, size);
-  if (readFromShadow(devId, offset, size, data, optArg) == 0) return 0;
-  KEL_ASSERT(hwAccessAllowed());
-  const S64 index = requester()->read(devId, rid, offset, data, size);
+  if (dal.readFromShadow(devId, offset, size, data, optArg) == 0) return 0;
+  KEL_ASSERT_TEXT(dal.hwAccessAllowed(), "hwAccessAllowed()");
+  const S64 index = dal.requester()->read(devId, rid, offset, data, size);
   return index < 0 ? -1 : 0;
 }
 
 S32 RequesterDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                            const void* data, void* optArg) {
-  return routedWrite(helper()->resourceId(offset, optArg), targetMask, offset, size, data, optArg);
+  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::resolvedWrite(*this, access.resourceId(), targetMask, offset, size, data, optArg);
 }
 
-S32 RequesterDal::routedWrite(const PhysicalResourceId& rid, const TargetMask& targetMask,
-                              DeviceOffset offset, U16 size, const void* data, void* optArg) {
-  const AccessScope access(*this, offset, optArg, rid);
-  if (verifyEnabled()) {
+S32 detail::resolvedWrite(RequesterDal& dal, const PhysicalResourceId& rid,
+                          const TargetMask& targetMask, DeviceOffset offset, U16 size,
+                          const void* data, void* optArg) {
+  if (dal.verifyEnabled()) {
     const DeviceId devId = targetMask.firstDevice();
-    helper()->verifyOptArgMapping(devId, rid, offset, optArg);
-    const U32 entrySizeBytes = helper()->memoryEntrySizeBytes(devId, rid);
+    dal.helper()->verifyOptArgMapping(devId, rid, offset, optArg);
+    const U32 entrySizeBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
     KEL_ASSERT(size == entrySizeBytes);
   }
   DUWISP_TRACE(th(), 9,
                "RequesterDal::dalWrite resource type %s resource id 0x%x size %s offset 0x%x",
                rid.type(), rid.id(), size, offset);
-  if (writeToShadow(targetMask, offset, size, data, optArg) == 0) {
+  if (dal.writeToShadow(targetMask, offset, size, data, optArg) == 0) {
     // Nothing goes to the hardware; in a cohabiting test a waiter that counts commands must
     // still see progress, so the last enqueued index moves on by one.
     if (std::getenv("XP_COHABITING_TEST")) {
-      DalProcessingStatus& status = *requester()->processingStatus();
+      DalProcessingStatus& status = *dal.requester()->processingStatus();
       status.lastEnqueuedCmdIndexIs(status.lastEnqueuedCmdIndex() + 1);
       DUWISP_TRACE(th(), 9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex %s",
                    status.lastEnqueuedCmdIndex());
     }
     return 0;
   }
-  KEL_ASSERT(hwAccessAllowed());
-  const std::unique_ptr<U8[]> mask(
-      dataMaskSelectorOverridden() ? dataMaskSelector(offset, optArg, size) : nullptr);
+  KEL_ASSERT_TEXT(dal.hwAccessAllowed(), "hwAccessAllowed()");
+  const std::unique_ptr<U8[]> mask(dal.dataMaskSelector(offset, optArg, size));
   // The requester copies the data and never writes through the pointer.
   void* payload = const_cast<void*>(data);
-  const S64 cmdIndex = blocking()
-                           ? requester()->blockingWrite(targetMask, rid, offset, payload,
-                                                        mask.get(), size, reclaimWhenProgrammed())
-                           : requester()->write(targetMask, rid, offset, payload, mask.get(), size,
-                                                reclaimWhenProgrammed());
+  const S64 cmdIndex =
+      dal.blocking() ? dal.requester()->blockingWrite(targetMask, rid, offset, payload, mask.get(),
+                                                      size, dal.reclaimWhenProgrammed())
+                     : dal.requester()->write(targetMask, rid, offset, payload, mask.get(), size,
+                                              dal.reclaimWhenProgrammed());
   KEL_ASSERT(cmdIndex >= 0);
   return 0;
 }
@@ -214,44 +215,29 @@ U8* RequesterDal::dataMaskSelector(DeviceOffset, void*, U16) { return nullptr; }
 S32 RequesterDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,
                                const void* data, void* optArg) {
   KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  return bulkOperation(nullptr, targetMask, offset, const_cast<void*>(data), size, optArg,
-                       bulkWriteCmd());
+  return doBulkOperation(targetMask, offset, const_cast<void*>(data), size, optArg, bulkWriteCmd());
 }
 
 S32 RequesterDal::dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data,
                               void* optArg) {
   const TargetMask mask = oneDeviceMask(devId);
   KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  return bulkOperation(nullptr, mask, offset, data, size, optArg, bulkReadCmd());
-}
-
-S32 RequesterDal::routedBulkWrite(const PhysicalResourceId& rid, const TargetMask& targetMask,
-                                  DeviceOffset offset, U32 size, const void* data, void* optArg) {
-  KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  return bulkOperation(&rid, targetMask, offset, const_cast<void*>(data), size, optArg,
-                       bulkWriteCmd());
-}
-
-S32 RequesterDal::routedBulkRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset,
-                                 U32 size, void* data, void* optArg) {
-  const TargetMask mask = oneDeviceMask(devId);
-  KEL_ASSERT(size <= maxBulkTransactionSizeInBytes());
-  return bulkOperation(&rid, mask, offset, data, size, optArg, bulkReadCmd());
+  return doBulkOperation(mask, offset, data, size, optArg, bulkReadCmd());
 }
 
 S32 RequesterDal::doBulkOperation(const TargetMask& targetMask, DeviceOffset offset, void* data,
                                   U32 size, void* optArg, Command cmd) {
-  return bulkOperation(nullptr, targetMask, offset, data, size, optArg, cmd);
+  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::resolvedBulkOperation(*this, access.resourceId(), targetMask, offset, data, size,
+                                       optArg, cmd);
 }
 
-S32 RequesterDal::bulkOperation(const PhysicalResourceId* resolved, const TargetMask& targetMask,
-                                DeviceOffset offset, void* data, U32 size, void* optArg,
-                                Command cmd) {
+S32 detail::resolvedBulkOperation(RequesterDal& dal, const PhysicalResourceId& rid,
+                                  const TargetMask& targetMask, DeviceOffset offset, void* data,
+                                  U32 size, void* optArg, Command cmd) {
   const DeviceId devId = targetMask.firstDevice();
   KEL_ASSERT(targetMask.targets() == 1);
-  const PhysicalResourceId rid = resolved ? *resolved : helper()->resourceId(offset, optArg);
-  const AccessScope access(*this, offset, optArg, rid);
-  const U32 entrySizeInBytes = helper()->memoryEntrySizeBytes(devId, rid);
+  const U32 entrySizeInBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
   KEL_ASSERT(entrySizeInBytes);
   DUWISP_TRACE(th(), 8,
                "doBulkOperation Device %s addr 0x%x dataPtr 0x%x size %s entrySize %s cmd %s",
@@ -268,16 +254,16 @@ S32 RequesterDal::bulkOperation(const PhysicalResourceId* resolved, const Target
   const U16 shadowSize = static_cast<U16>(size);
   S64 index;
   if (cmd == bulkWriteCmd()) {
-    if (writeToShadow(targetMask, offset, shadowSize, data, optArg) == 0) return 0;
-    const PhysicalAddr physAddr = helper()->physicalAddr(devId, optArg);
-    index = requester()->bulkWrite(targetMask, rid, offset, physAddr, nullptr, entrySizeInBytes,
-                                   numEntries);
+    if (dal.writeToShadow(targetMask, offset, shadowSize, data, optArg) == 0) return 0;
+    const PhysicalAddr physAddr = dal.helper()->physicalAddr(devId, optArg);
+    index = dal.requester()->bulkWrite(targetMask, rid, offset, physAddr, nullptr, entrySizeInBytes,
+                                       numEntries);
     DUWISP_TRACE(th(), 8, "bulkWrite cmdIndex %s", index);
   } else {
     KEL_ASSERT_TEXT(cmd == bulkReadCmd(), "cmd == Zorvek::bulkReadCmd()");
-    if (readFromShadow(devId, offset, shadowSize, data, optArg) == 0) return 0;
-    const PhysicalAddr physAddr = helper()->physicalAddr(devId, optArg);
-    index = requester()->bulkRead(devId, rid, offset, physAddr, entrySizeInBytes, numEntries);
+    if (dal.readFromShadow(devId, offset, shadowSize, data, optArg) == 0) return 0;
+    const PhysicalAddr physAddr = dal.helper()->physicalAddr(devId, optArg);
+    index = dal.requester()->bulkRead(devId, rid, offset, physAddr, entrySizeInBytes, numEntries);
     DUWISP_TRACE(th(), 8, "bulkRead cmdIndex %s", index);
   }
   return index < 0 ? -1 : 0;

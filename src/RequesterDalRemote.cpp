@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "AccessScope.h"
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
 #include "Zorvek/QueueRequester.h"
@@ -26,7 +27,6 @@ RequesterDalRemote::RequesterDalRemote(
     Kel::Name name, const Kel::Ptr<Requester>& requester,
     const Kel::Ptr<ResourceIdToDataMaskMap>& resourceIdToDataMaskMap)
     : RequesterDal(std::move(name), requester), resourceIdToDataMaskMap_(resourceIdToDataMaskMap) {
-  dataMaskSelectorOverriddenIs(true);
   handleInitialized();
 }
 
@@ -99,7 +99,7 @@ Kel::Ptr<CacheTable> RequesterDalRemote::initOneLocalCache(const CacheTableIndex
   }
   KEL_ASSERT(prrid.type() == ResourceType::tableResource_);
   const U32 entrySize = helper()->memoryEntrySizeBytes(devId, prrid);
-  const U32 numEntries = helper()->numMemoryEntries(devId, PhysicalTableId(prrid.id()));
+  const U32 numEntries = helper()->numMemoryEntries(devId, PhysicalTableId(prrid));
   const Kel::Ptr<CacheTable> lCache =
       localCacheIs(requester()->agentId(), tableIndex, numEntries, entrySize);
   KEL_ASSERT(lCache);
@@ -171,8 +171,9 @@ void RequesterDalRemote::writeEntryDataToShadow(const CacheTableIndex& tableInde
 // writeEntryDataToShadow then work on the table found.
 S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U16 size, void* data,
                                          void* optArg) {
-  const PhysicalResourceId resourceId = accessResourceId(offset, optArg);
-  KEL_ASSERT_TEXT(accessCacheable(devId, resourceId), "helper()->cacheable( devId, resourceId )");
+  const PhysicalResourceId resourceId = detail::AccessScope::resourceId(*this, offset, optArg);
+  KEL_ASSERT_TEXT(detail::AccessScope::cacheable(*this, devId, resourceId),
+                  "helper()->cacheable( devId, resourceId )");
   if (!localShadowForRemoteResourcesEnabled()) return -1;
   const CacheTableIndex index(devId, resourceId);
   CacheTable* table = findLocalCache(index);
@@ -186,7 +187,7 @@ S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U1
 // entry is always recorded, so that a serializer restart can be repaired. Intended.
 S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16 size,
                                         const void* data, void* optArg) {
-  const CacheTableIndex index(devId, accessResourceId(offset, optArg));
+  const CacheTableIndex index(devId, detail::AccessScope::resourceId(*this, offset, optArg));
   CacheTable& table = localCacheOrInit(index);
   maybeAllocateLocalShadowEntry(table, index, offset, size);
   // The size is deliberately not passed on: the table always takes a whole entry.
@@ -196,7 +197,7 @@ S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16
 
 U8* RequesterDalRemote::dataMaskSelector(DeviceOffset offset, void* optArg, U16 size) {
   if (!optArg || !resourceIdToDataMaskMap_) return nullptr;
-  const PhysicalResourceId prid = accessResourceId(offset, optArg);
+  const PhysicalResourceId prid = detail::AccessScope::resourceId(*this, offset, optArg);
   return maskArray(resourceIdToDataMaskMap_->dataMask(helper()->normalizedResourceId(prid)), size);
 }
 

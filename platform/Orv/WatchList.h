@@ -19,7 +19,7 @@
 #include "Kel/Entity.h"
 #include "Kel/Notifiee.h"
 #include "Kel/String.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Orv {
 

@@ -41,7 +41,7 @@
 
 #include "Kel/Assert.h"
 #include "Kel/Entity.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

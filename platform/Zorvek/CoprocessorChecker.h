@@ -8,7 +8,7 @@
 
 #include "Kel/Entity.h"
 #include "Kel/String.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

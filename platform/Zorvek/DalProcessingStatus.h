@@ -9,7 +9,7 @@
 #include <map>
 
 #include "Kel/Entity.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

@@ -17,7 +17,7 @@
 #include "Kel/String.h"
 #include "Zorvek/CoprocessorChecker.h"
 #include "Zorvek/DalProcessingStatus.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

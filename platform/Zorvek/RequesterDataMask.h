@@ -16,7 +16,7 @@
 
 #include "Kel/Entity.h"
 #include "Kel/Notifiee.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 
@@ -83,7 +83,7 @@ class KEL_EXPORT ResourceIdToDataMaskMap : public Kel::Entity {
 // Shared by the mask collections. The mask under `key`, or noDataMask():
 template <class Map>
 const RequesterDataMask& dataMaskOrNone(const Map& masks, const typename Map::key_type& key) {
-  auto it = masks.find(key);
+  auto it = findByKey(masks, key);
   return it == masks.end() ? noDataMask() : it->second;
 }
 // Inserts or replaces the mask under `key`; true when the stored mask changed.

@@ -30,7 +30,7 @@
 #include "Kel/Dir.h"
 #include "Kel/Entity.h"
 #include "Kel/String.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

@@ -20,7 +20,7 @@
 #include "Kel/Entity.h"
 #include "Kel/Notifiee.h"
 #include "Zorvek/RequesterDataMask.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

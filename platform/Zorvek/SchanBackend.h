@@ -16,7 +16,7 @@
 #include "Kel/Entity.h"
 #include "Kel/Notifiee.h"
 #include "Zorvek/RequesterQueue.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

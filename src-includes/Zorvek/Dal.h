@@ -18,7 +18,7 @@
 #include "Kel/String.h"
 #include "Zorvek/CoprocessorChecker.h"
 #include "Zorvek/DalHelper.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 // The accessors of one per-resource U64 counter collection: read (0 when absent), set,
 // delete one, delete all, and the whole collection for iteration.
@@ -35,6 +35,10 @@
 
 namespace Zorvek {
 
+namespace detail {
+class AccessScope;
+}
+
 // A per-resource U64 counter collection (hashed by the resource-id hash). inc() remembers
 // the counter it last counted: accesses come in runs on one table, and a run then hashes
 // its key once. Element addresses of the map survive rehashing; only erasing forgets one.
@@ -42,7 +46,7 @@ template <class Key>
 class DalCounterCollection {
  public:
   U64 value(const Key& k) const {
-    auto it = map_.find(k);
+    auto it = findByKey(map_, k);
     return it == map_.end() ? 0 : it->second;
   }
   void valueIs(const Key& k, U64 v) { map_[k] = v; }
@@ -174,42 +178,6 @@ class KEL_EXPORT Dal : public Kel::Entity {
   void storeHwAccessAllowed(bool v) { hwAccessAllowed_ = v; }
   void storeReclaimWhenProgrammed(bool v) { reclaimWhenProgrammed_ = v; }
 
-  // What one access has learnt from the helper. The entry point of an access asks the helper
-  // for the access's resource once and opens an AccessScope with it; every later step of the
-  // same access (shadow hooks, data masks, statistics) reads the answer from the scope
-  // instead of asking again, since the helper's answers are a function of their arguments.
-  // Outside an access, or for another offset or optArg, the helper is asked.
-  class AccessScope {
-   public:
-    AccessScope(Dal& dal, DeviceOffset offset, void* optArg, const PhysicalResourceId& rid)
-        : dal_(dal), outer_(dal.access_), access_{offset, optArg, rid, DeviceId(), -1} {
-      dal.access_ = &access_;
-    }
-    ~AccessScope() { dal_.access_ = outer_; }
-    AccessScope(const AccessScope&) = delete;
-    AccessScope& operator=(const AccessScope&) = delete;
-
-   private:
-    friend class Dal;
-    struct Access {
-      DeviceOffset offset;
-      void* optArg;
-      PhysicalResourceId rid;
-      DeviceId cacheableDevId;
-      int cacheable;  // -1: not asked yet
-    };
-    Dal& dal_;
-    Access* outer_;
-    Access access_;
-  };
-  // helper()->resourceId(offset, optArg), answered by the open access when it is the same.
-  PhysicalResourceId accessResourceId(DeviceOffset offset, void* optArg) const {
-    if (access_ && access_->offset == offset && access_->optArg == optArg) return access_->rid;
-    return helper_->resourceId(offset, optArg);
-  }
-  // helper()->cacheable(devId, rid), asked at most once per access.
-  bool accessCacheable(DeviceId devId, const PhysicalResourceId& rid) const;
-
  private:
   Kel::Name name_;
   Kel::Ptr<DalHelper> helper_;
@@ -228,7 +196,9 @@ class KEL_EXPORT Dal : public Kel::Entity {
   U64 cacheWriteMisses_ = 0;
   Kel::Ptr<CoprocessorChecker> coprocessorChecker_;
   mutable Kel::NotifieeList<Dal> notifiees_;
-  AccessScope::Access* access_ = nullptr;  // the access being served, if any
+  // The access being served, if any: what it has learnt from the helper, shared by its steps.
+  friend class detail::AccessScope;
+  detail::AccessScope* access_ = nullptr;
 };
 
 }  // namespace Zorvek

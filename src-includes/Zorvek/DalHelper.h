@@ -6,7 +6,7 @@
 #pragma once
 
 #include "Kel/Entity.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Zorvek {
 

@@ -47,7 +47,7 @@ class KEL_EXPORT ResourceIdToDalMap : public Kel::Entity {
 
   // The DAL stored for the key, or null.
   Kel::Ptr<RequesterDal> dal(const PhysicalResourceId& key) const {
-    auto it = dals_.find(key);
+    auto it = findByKey(dals_, key);
     return it == dals_.end() ? nullptr : it->second;
   }
   // Stores, replaces or (for null) removes, and notifies onDal(key) when anything changed.

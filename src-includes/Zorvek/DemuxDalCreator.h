@@ -22,7 +22,7 @@
 #include "Kel/String.h"
 #include "Zorvek/DalProcessingStatus.h"
 #include "Zorvek/ResourceIdCol.h"
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 namespace Skorra {
 class MountGroup;

@@ -5,8 +5,7 @@
 // Per access it decides whether the shadow alone serves the access, whether the hardware is
 // touched, and how the policy flags of the Dal combine. The shadow itself lives in the
 // derived DALs, behind the doReadFromShadow / doWriteToShadow hooks; a derived DAL that
-// supplies write masks overrides dataMaskSelector and says so with
-// dataMaskSelectorOverriddenIs(true) when it is constructed.
+// supplies write masks overrides dataMaskSelector, which every hardware write asks.
 //
 // Readiness: a RequesterDal is ready when its requester is ready, or at once while hardware
 // access is off (DalReadySm below). Used from the agent's activity thread only.
@@ -40,25 +39,14 @@ class KEL_EXPORT RequesterDal : public Dal {
   S32 dalBulkRead(DeviceId devId, DeviceOffset offset, U32 size, void* data, void* optArg) override;
   void handleCoprocessorChecker() override;
 
-  // The same accesses, for a caller that has already asked this DAL's helper for the
-  // access's resource (`rid` = helper()->resourceId(offset, optArg)): a DemuxDal routing the
-  // access. The helper is not asked again.
-  S32 routedWrite(const PhysicalResourceId& rid, const TargetMask& targetMask, DeviceOffset offset,
-                  U16 size, const void* data, void* optArg);
-  S32 routedRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset, U16 size,
-                 void* data, void* optArg);
-  S32 routedBulkWrite(const PhysicalResourceId& rid, const TargetMask& targetMask,
-                      DeviceOffset offset, U32 size, const void* data, void* optArg);
-  S32 routedBulkRead(const PhysicalResourceId& rid, DeviceId devId, DeviceOffset offset, U32 size,
-                     void* data, void* optArg);
-
   // Shadow hooks of the derived DALs: 0 when the shadow served the access, -1 when not.
   virtual S32 doReadFromShadow(DeviceId devId, DeviceOffset offset, U16 size, void* data,
                                void* optArg);
   virtual S32 doWriteToShadow(DeviceId devId, DeviceOffset offset, U16 size, const void* data,
                               void* optArg);
   // The bytes of the entry this agent may write, as a new array of `size` bytes that the
-  // caller releases with delete[]; null when the whole entry is written.
+  // caller releases with delete[]; null when the whole entry is written, which is all the
+  // base answers. Asked on every write that reaches the requester.
   virtual U8* dataMaskSelector(DeviceOffset offset, void* optArg, U16 size);
 
   // 0: the shadow served the read; -1: the hardware must be read.
@@ -73,17 +61,10 @@ class KEL_EXPORT RequesterDal : public Dal {
 
  protected:
   ~RequesterDal() override;
-  bool dataMaskSelectorOverridden() const { return dataMaskSelectorOverridden_; }
-  void dataMaskSelectorOverriddenIs(bool v) { dataMaskSelectorOverridden_ = v; }
 
  private:
-  // doBulkOperation with the resource already resolved (or null to ask the helper).
-  S32 bulkOperation(const PhysicalResourceId* resolved, const TargetMask& targetMask,
-                    DeviceOffset offset, void* data, U32 size, void* optArg, Command cmd);
-
   Kel::Ptr<Requester> requester_;
   Kel::Ptr<DalReadySm> dalReadySm_;
-  bool dataMaskSelectorOverridden_ = false;
 };
 
 // Keeps `dal->ready()` equal to: !dal->hwAccessAllowed() || requester->ready(). It watches

@@ -1,6 +1,6 @@
 // Identifier types: the resource-id hash, ordering, stream texts, the device range and
 // target masks.
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 #include <gmock/gmock.h>
 

@@ -1,4 +1,4 @@
-#include "Zorvek/Types.h"
+#include "ZorvekTypes/Types.h"
 
 #include <ios>
 

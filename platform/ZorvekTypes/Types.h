@@ -1,7 +1,11 @@
-// The identifier and value types shared by every Zorvek library: devices and targets,
-// resource ids with their hash, requester commands, DAL and agent ids, and the bulk limit.
+// The Zorvek types library: the identifier and value types shared by every Zorvek library
+// (devices and targets, resource ids with their hash, requester commands, DAL and agent ids,
+// and the bulk limit). It sits below every library that names a device or a resource (the
+// watch list of Orv, the requesters of Zorvek, the DAL) and depends only on Kel and Corvane,
+// so that the platform's libraries stack one way.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -102,7 +106,8 @@ constexpr U32 oneAtATimeBytes(U32 h, U64 v, int bytes) noexcept {
 constexpr U32 oneAtATimeId(U32 h, U64 id) noexcept {
   [&]<int... I>(std::integer_sequence<int, I...>) {
     ((h = oneAtATimeStep(h, static_cast<U8>(id >> (8 * I)))), ...);
-  }(std::make_integer_sequence<int, 8>{});
+  }
+  (std::make_integer_sequence<int, 8>{});
   return h;
 }
 constexpr U32 oneAtATimeFinish(U32 h) noexcept {
@@ -135,25 +140,35 @@ constexpr U32 resourceIdHash(U32 type, U64 id) noexcept {
 static_assert(resourceIdHash(7, 0x0102030405060708) ==
               oneAtATimeFinish(oneAtATimeBytes(oneAtATimeBytes(0, 7, 4), 0x0102030405060708, 8)));
 
-// A resource id: type then 64-bit id, compared field by field, type first.
+// A resource id: type then 64-bit id, compared field by field, type first. It carries its
+// hash, worked out once when the id is made (it fills what would be padding): a hashed
+// collection keyed by resource ids never hashes an element it already holds, when it walks
+// a bucket or when it grows, and a lookup with an id taken from another collection or from
+// the helper hashes nothing.
 template <class Tag>
 class ResourceIdBase {
  public:
   constexpr ResourceIdBase() noexcept = default;
-  constexpr ResourceIdBase(ResourceType type, U64 id) noexcept : type_(type), id_(id) {}
+  constexpr ResourceIdBase(ResourceType type, U64 id) noexcept
+      : type_(type), hash_(resourceIdHash(static_cast<U32>(type), id)), id_(id) {}
   constexpr ResourceType type() const noexcept { return type_; }
   constexpr U64 id() const noexcept { return id_; }
   constexpr bool isNull() const noexcept { return type_ == ResourceType::none_; }
-  constexpr U32 hash() const noexcept { return resourceIdHash(static_cast<U32>(type_), id_); }
-  friend constexpr bool operator==(const ResourceIdBase&, const ResourceIdBase&) noexcept = default;
+  constexpr U32 hash() const noexcept { return hash_; }
+  // The hash follows from the fields compared.
+  friend constexpr bool operator==(const ResourceIdBase& a, const ResourceIdBase& b) noexcept {
+    return a.type_ == b.type_ && a.id_ == b.id_;
+  }
   friend constexpr bool operator<(const ResourceIdBase& a, const ResourceIdBase& b) noexcept {
     return a.type_ != b.type_ ? a.type_ < b.type_ : a.id_ < b.id_;
   }
 
  private:
   ResourceType type_ = ResourceType::none_;
+  U32 hash_ = 0;  // resourceIdHash(type_, id_), which is 0 for the null id
   U64 id_ = 0;
 };
+static_assert(resourceIdHash(0, 0) == 0);
 
 struct PhysicalTag;
 struct LogicalTag;
@@ -163,29 +178,59 @@ KEL_EXPORT std::ostream& operator<<(std::ostream& os, const PhysicalResourceId& 
 KEL_EXPORT std::ostream& operator<<(std::ostream& os, const LogicalResourceId& r);
 
 // A physical id of a constant type: tables (1) key the per-table cache counters, registers
-// (2) the per-register ones.
+// (2) the per-register ones. It carries its hash as a resource id does.
 template <ResourceType kType, U32 kHashState>
 class FixedTypeResourceId {
  public:
-  constexpr FixedTypeResourceId() noexcept = default;
-  constexpr explicit FixedTypeResourceId(U64 id) noexcept : id_(id) {}
+  constexpr FixedTypeResourceId() noexcept : FixedTypeResourceId(0) {}
+  constexpr explicit FixedTypeResourceId(U64 id) noexcept : id_(id), hash_(hashOf(id)) {}
+  // The id of `rid`, taking over its hash when `rid` is of this type (the hash is then the
+  // same), so that an access counting its resource hashes nothing.
+  constexpr explicit FixedTypeResourceId(const PhysicalResourceId& rid) noexcept
+      : id_(rid.id()), hash_(rid.type() == kType ? rid.hash() : hashOf(rid.id())) {}
   static constexpr ResourceType type() noexcept { return kType; }
   constexpr U64 id() const noexcept { return id_; }
-  constexpr U32 hash() const noexcept {
-    return oneAtATimeFinish(oneAtATimeId(kHashState, id_));
-  }
+  constexpr U32 hash() const noexcept { return hash_; }
   constexpr PhysicalResourceId resourceId() const noexcept { return {kType, id_}; }
-  friend constexpr bool operator==(FixedTypeResourceId, FixedTypeResourceId) noexcept = default;
+  friend constexpr bool operator==(FixedTypeResourceId a, FixedTypeResourceId b) noexcept {
+    return a.id_ == b.id_;
+  }
   friend constexpr bool operator<(FixedTypeResourceId a, FixedTypeResourceId b) noexcept {
     return a.id_ < b.id_;
   }
 
  private:
-  U64 id_ = 0;
+  static constexpr U32 hashOf(U64 id) noexcept {
+    return oneAtATimeFinish(oneAtATimeId(kHashState, id));
+  }
+  U64 id_;
+  U32 hash_;
 };
 using PhysicalTableId = FixedTypeResourceId<ResourceType::tableResource_, kTableTypeHashState>;
 using PhysicalRegisterId =
     FixedTypeResourceId<ResourceType::registerResource_, kRegisterTypeHashState>;
+static_assert(sizeof(PhysicalResourceId) == 16);
+static_assert(PhysicalTableId(7).hash() ==
+              PhysicalResourceId(ResourceType::tableResource_, 7).hash());
+static_assert(PhysicalRegisterId(PhysicalResourceId(ResourceType::none_, 7)).hash() ==
+              PhysicalResourceId(ResourceType::registerResource_, 7).hash());
+
+// Hashed collections keyed by resource ids hold a few elements as a rule (the tables one
+// serializer owns): up to kKeySearchMax elements a lookup compares the keys one after
+// another, which costs less than working out the bucket; a larger collection is searched
+// through its buckets. Ordered collections are always searched through their tree.
+inline constexpr std::size_t kKeySearchMax = 20;
+template <class Map>
+auto findByKey(Map& map, const typename Map::key_type& key) -> decltype(map.begin()) {
+  if constexpr (requires { map.bucket_count(); }) {
+    if (map.size() <= kKeySearchMax) {
+      auto it = map.begin();
+      while (it != map.end() && !(it->first == key)) ++it;
+      return it;
+    }
+  }
+  return map.find(key);
+}
 
 // Requester commands. The two bulk commands have fixed codes.
 enum class Command : U32 {
@@ -251,16 +296,6 @@ struct std::hash<Zorvek::FixedTypeResourceId<T, S>> {
     return r.hash();
   }
 };
-#ifdef __GLIBCXX__
-// The resource-id hash costs some 50 instructions: hashed collections keyed by resource ids
-// keep each element's hash (so that walking a bucket does not hash its elements again) and
-// search small collections (up to 20 elements) by comparing keys, without hashing at all.
-// The hash, and so the buckets and the iteration order, stay the same.
-template <class Tag>
-struct std::__is_fast_hash<std::hash<Zorvek::ResourceIdBase<Tag>>> : std::false_type {};
-template <Zorvek::ResourceType T, Zorvek::U32 S>
-struct std::__is_fast_hash<std::hash<Zorvek::FixedTypeResourceId<T, S>>> : std::false_type {};
-#endif
 template <>
 struct std::hash<Zorvek::DalId> {
   std::size_t operator()(Zorvek::DalId d) const noexcept { return d.value(); }

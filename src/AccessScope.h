@@ -1,0 +1,68 @@
+// Zorvek::detail::AccessScope: what one access has learnt from the helper of the DAL that
+// serves it, shared by every step of that access.
+//
+// The entry point of an access asks the helper for the access's resource once and opens a
+// scope with it on the DAL; a DemuxDal that routes an access to a RequesterDal with the same
+// helper opens it with the resource it resolved for the routing. Every later step of the
+// access (shadow hooks, data masks, statistics) reads the answers from the scope instead of
+// asking the helper again, since the helper's answers are a function of their arguments.
+// Outside an access, or for another offset or optArg, the helper is asked.
+//
+//   const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+//   detail::resolvedRead(*this, access.resourceId(), devId, offset, size, data, optArg);
+//   detail::AccessScope::resourceId(*this, offset, optArg);    // a later step of the access
+//
+// A scope lives on the stack of the access; it allocates nothing. Used from the agent's
+// activity thread only.
+#pragma once
+
+#include "Zorvek/Dal.h"
+#include "Zorvek/RequesterDal.h"
+
+namespace Zorvek::detail {
+
+class AccessScope {
+ public:
+  // Opens an access whose resource is known: `rid` is dal.helper()->resourceId(offset, optArg).
+  AccessScope(Dal& dal, DeviceOffset offset, void* optArg, const PhysicalResourceId& rid)
+      : dal_(dal), outer_(dal.access_), offset_(offset), optArg_(optArg), rid_(rid) {
+    dal.access_ = this;
+  }
+  ~AccessScope() { dal_.access_ = outer_; }
+  AccessScope(const AccessScope&) = delete;
+  AccessScope& operator=(const AccessScope&) = delete;
+
+  // The resource of the access.
+  const PhysicalResourceId& resourceId() const { return rid_; }
+
+  // dal.helper()->resourceId(offset, optArg), answered by the open access when it is the same.
+  static PhysicalResourceId resourceId(const Dal& dal, DeviceOffset offset, void* optArg) {
+    const AccessScope* a = dal.access_;
+    if (a && a->offset_ == offset && a->optArg_ == optArg) return a->rid_;
+    return dal.helper()->resourceId(offset, optArg);
+  }
+  // dal.helper()->cacheable(devId, rid), asked at most once per access.
+  static bool cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid);
+
+ private:
+  Dal& dal_;
+  AccessScope* outer_;
+  DeviceOffset offset_;
+  void* optArg_;
+  PhysicalResourceId rid_;
+  DeviceId cacheableDevId_;
+  int cacheable_ = -1;  // -1: not asked yet
+};
+
+// The single and bulk accesses of a RequesterDal past its entry points, for an access open
+// on `dal` whose resource is `rid`: what the entry points run, and what a DemuxDal runs on
+// the DAL it routes to. The bulk operation asserts "targetMask.targets() == 1".
+S32 resolvedRead(RequesterDal& dal, const PhysicalResourceId& rid, DeviceId devId,
+                 DeviceOffset offset, U16 size, void* data, void* optArg);
+S32 resolvedWrite(RequesterDal& dal, const PhysicalResourceId& rid, const TargetMask& targetMask,
+                  DeviceOffset offset, U16 size, const void* data, void* optArg);
+S32 resolvedBulkOperation(RequesterDal& dal, const PhysicalResourceId& rid,
+                          const TargetMask& targetMask, DeviceOffset offset, void* data, U32 size,
+                          void* optArg, Command cmd);
+
+}  // namespace Zorvek::detail
