@@ -18,7 +18,7 @@ constexpr DeviceOffset kRefusedOffset = 0xBAD;
 
 // Records each write as one line of text ("<device> @ <offset> [<bytes>] mask <mask byte>
 // agent <id>"); writes at kRefusedOffset are refused. Reads and bulk transfers reach the chip
-// in the model and soak tests.
+// in the model test.
 class FakeBackend : public SchanBackend {
  public:
   S32 read(DeviceId, const PhysicalResourceId&, DeviceOffset, void*, U32) override { return 0; }

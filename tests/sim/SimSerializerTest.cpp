@@ -1,7 +1,7 @@
 // SimSerializer end to end: real QueueRequesters and the serializer meet in a Skorra
 // database through mounts of opposite modes; commands for resources the serializer does not
-// own are rejected, a restart wipes only its tables, and a free clears an agent's entries.
-// (Serving queues and the replay after a restart run in the assembled-tree and replay tests.)
+// own are rejected, and a free clears an agent's entries. (Serving queues, and restarts that
+// wipe only the serializer's tables, run in the model, replay and simulator tests.)
 #include "sim/SimSerializer.h"
 
 #include <gmock/gmock.h>
@@ -43,16 +43,6 @@ TEST_F(SimSerializerTest, CommandForAResourceNotOwnedIsRejected) {
   EXPECT_TRUE(
       trace.contains("rejected write cmdIndex 1 of queue a7-s1-Queue: device 0 "
                      "resource type 1 id 0x20 is not owned"));
-}
-
-// The replay test restarts a serializer that owns every table; here another table survives.
-TEST_F(SimSerializerTest, RestartWipesOnlyTheOwnedTables) {
-  startSerializer();
-  chip->writeAt(0, filled(0x10).data(), nullptr, 16, kAgent);
-  chip->writeAt(kHashedBase, filled(0x20).data(), nullptr, 8, kOtherAgent);  // not owned
-  serializer->restart();
-  EXPECT_THAT(chip->entry(kRoute0, 0), Each(0));
-  EXPECT_THAT(chip->entry(kHashed, 0), Each(0x20));
 }
 
 // A free under a mask clears only the masked bits of the agent's own entries of one instance.

@@ -1,4 +1,4 @@
-// The workload that the leak and soak tests run on a simulated switch: every resource of
+// The workload that the leak test runs on a simulated switch: every resource of
 // every device, through the DAL agent's tree.
 #pragma once
 
