@@ -25,10 +25,7 @@ KEL_DEFINE_ENTITY_TYPE(SerializerInfo, "Zorvek::SerializerInfo")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekDemuxDalCreator");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekDemuxDalCreator")
 
 const char* const kWatchListPath = "platform/debug/watchlist";
 // Both the S-channel and the queue requesters hold up to this many commands.

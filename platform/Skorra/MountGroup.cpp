@@ -11,10 +11,7 @@ KEL_DEFINE_ENTITY_TYPE(MountGroup, "Skorra::MountGroup")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("SkorraMountGroup");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("SkorraMountGroup")
 
 constexpr std::string_view kDirType = "Kel::Dir";
 
