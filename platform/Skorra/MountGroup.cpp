@@ -78,9 +78,7 @@ MountGroup::Binding MountGroup::bind(const Mount& mount) const {
 }
 
 void MountGroup::mountsCompleteIs(bool v) {
-  if (v == mountsComplete_) return;
-  mountsComplete_ = v;
-  notifiees_.visit(&NotifieeConst::onMountsComplete);
+  notifiees_.store(mountsComplete_, v, &NotifieeConst::onMountsComplete);
 }
 
 Kel::Ptr<Kel::Entity> EntityManager::getEntity(Kel::String path) const {
