@@ -13,10 +13,7 @@ KEL_DEFINE_ENTITY_TYPE(sim::SimChipSet, "sim::SimChipSet")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("SimChip");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("SimChip")
 
 void* memoryAt(PhysicalAddr physAddr) { return reinterpret_cast<void*>(physAddr); }
 

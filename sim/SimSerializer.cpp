@@ -11,10 +11,7 @@ KEL_DEFINE_ENTITY_TYPE(sim::SimSerializer, "sim::SimSerializer")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("SimSerializer");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("SimSerializer")
 
 const Kel::String kStatusEntry{Zorvek::SerializerStatus::kEntryName};
 

@@ -65,22 +65,14 @@ void Dal::showDalState(U32 fd) {
   dprintf(f, "'cacheWriteMisses':%llu, ", static_cast<unsigned long long>(cacheWriteMisses_));
 }
 
-void Dal::readyIs(bool v) {
-  if (v == ready_) return;
-  ready_ = v;
-  notifiees_.visit(&NotifieeConst::onReady);
-}
+void Dal::readyIs(bool v) { notifiees_.store(ready_, v, &NotifieeConst::onReady); }
 
 void Dal::reclaimWhenProgrammedIs(bool v) {
-  if (v == reclaimWhenProgrammed_) return;
-  reclaimWhenProgrammed_ = v;
-  notifiees_.visit(&NotifieeConst::onReclaimWhenProgrammed);
+  notifiees_.store(reclaimWhenProgrammed_, v, &NotifieeConst::onReclaimWhenProgrammed);
 }
 
 void Dal::hwAccessAllowedIs(bool v) {
-  if (v == hwAccessAllowed_) return;
-  hwAccessAllowed_ = v;
-  notifiees_.visit(&NotifieeConst::onHwAccessAllowed);
+  notifiees_.store(hwAccessAllowed_, v, &NotifieeConst::onHwAccessAllowed);
 }
 
 void Dal::helperIs(const Kel::Ptr<DalHelper>& h) { helper_ = h; }

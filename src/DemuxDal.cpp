@@ -21,10 +21,7 @@ KEL_DEFINE_ENTITY_TYPE(EnqueuedCmdStatus, "Zorvek::EnqueuedCmdStatus")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekDemuxDal");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekDemuxDal")
 
 bool parseBool(std::string_view name, std::string_view text) {
   if (text == "True") return true;

@@ -25,10 +25,7 @@ KEL_DEFINE_ENTITY_TYPE(SerializerInfo, "Zorvek::SerializerInfo")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekDemuxDalCreator");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekDemuxDalCreator")
 
 const char* const kWatchListPath = "platform/debug/watchlist";
 // Both the S-channel and the queue requesters hold up to this many commands.
@@ -98,23 +95,20 @@ std::ostream& operator<<(std::ostream& os, SerializerId id) { return os << value
 
 // SerializerInfo
 
-template <class V>
-void SerializerInfo::store(V& field, const V& v, void (NotifieeConst::*onX)()) {
-  if (field == v) return;
-  field = v;
-  notifiees_.visit(onX);
+void SerializerInfo::agentIdIs(AgentId v) {
+  notifiees_.store(agentId_, v, &NotifieeConst::onAgentId);
 }
-
-void SerializerInfo::agentIdIs(AgentId v) { store(agentId_, v, &NotifieeConst::onAgentId); }
-void SerializerInfo::nameIs(const Kel::String& v) { store(name_, v, &NotifieeConst::onName); }
+void SerializerInfo::nameIs(const Kel::String& v) {
+  notifiees_.store(name_, v, &NotifieeConst::onName);
+}
 void SerializerInfo::kickFifoNameIs(const Kel::String& v) {
-  store(kickFifoName_, v, &NotifieeConst::onKickFifoName);
+  notifiees_.store(kickFifoName_, v, &NotifieeConst::onKickFifoName);
 }
 void SerializerInfo::configDirNameIs(const Kel::String& v) {
-  store(configDirName_, v, &NotifieeConst::onConfigDirName);
+  notifiees_.store(configDirName_, v, &NotifieeConst::onConfigDirName);
 }
 void SerializerInfo::statusDirNameIs(const Kel::String& v) {
-  store(statusDirName_, v, &NotifieeConst::onStatusDirName);
+  notifiees_.store(statusDirName_, v, &NotifieeConst::onStatusDirName);
 }
 
 // DemuxDalCreator
@@ -137,61 +131,56 @@ Kel::Ptr<DemuxDalCreator> demuxDalCreatorFactory(
                                         std::move(coprocessorStatusAttrLogPath));
 }
 
-template <class V>
-void DemuxDalCreator::store(V& field, const V& v, void (NotifieeConst::*onX)()) {
-  if (field == v) return;
-  field = v;
-  notifiees_.visit(onX);
-}
-
 void DemuxDalCreator::logicalRemoteResourcesIs(
     const Kel::Ptr<const LogicalRemoteResourceIdCol>& v) {
-  store(logicalRemoteResources_, v, &NotifieeConst::onLogicalRemoteResources);
+  notifiees_.store(logicalRemoteResources_, v, &NotifieeConst::onLogicalRemoteResources);
 }
 void DemuxDalCreator::coprocessorStatusIs(const Kel::Ptr<Corvane::CoprocessorStatus>& v) {
-  store(coprocessorStatus_, v, &NotifieeConst::onCoprocessorStatus);
+  notifiees_.store(coprocessorStatus_, v, &NotifieeConst::onCoprocessorStatus);
 }
 void DemuxDalCreator::localCoprocessorStatusIs(const Kel::Ptr<Corvane::CoprocessorStatus>& v) {
-  store(localCoprocessorStatus_, v, &NotifieeConst::onLocalCoprocessorStatus);
+  notifiees_.store(localCoprocessorStatus_, v, &NotifieeConst::onLocalCoprocessorStatus);
 }
 void DemuxDalCreator::coprocessorStatusAttrLogIs(
     const Kel::Ptr<const Corvane::CoprocessorStatusAttrLog>& v) {
-  store(coprocessorStatusAttrLog_, v, &NotifieeConst::onCoprocessorStatusAttrLog);
+  notifiees_.store(coprocessorStatusAttrLog_, v, &NotifieeConst::onCoprocessorStatusAttrLog);
 }
 void DemuxDalCreator::coprocessorStatusAdapterSmIs(
     const Kel::Ptr<Corvane::CoprocessorStatusAttrLogAdapterSm>& v) {
-  store(coprocessorStatusAdapterSm_, v, &NotifieeConst::onCoprocessorStatusAdapterSm);
+  notifiees_.store(coprocessorStatusAdapterSm_, v, &NotifieeConst::onCoprocessorStatusAdapterSm);
 }
 void DemuxDalCreator::sliceIdIs(const Kel::String& v) {
-  store(sliceId_, v, &NotifieeConst::onSliceId);
+  notifiees_.store(sliceId_, v, &NotifieeConst::onSliceId);
 }
-void DemuxDalCreator::nextDalIdIs(DalId v) { store(nextDalId_, v, &NotifieeConst::onNextDalId); }
+void DemuxDalCreator::nextDalIdIs(DalId v) {
+  notifiees_.store(nextDalId_, v, &NotifieeConst::onNextDalId);
+}
 void DemuxDalCreator::nextDalIdInc(DalId delta) {
   nextDalIdIs(DalId(static_cast<U8>(nextDalId_.value() + delta.value())));
 }
 void DemuxDalCreator::trackErrorsIs(bool v) {
-  store(trackErrors_, v, &NotifieeConst::onTrackErrors);
+  notifiees_.store(trackErrors_, v, &NotifieeConst::onTrackErrors);
 }
 void DemuxDalCreator::mountGroupIs(Skorra::MountGroup* v) {
-  store(mountGroup_, v, &NotifieeConst::onMountGroup);
+  notifiees_.store(mountGroup_, v, &NotifieeConst::onMountGroup);
 }
 void DemuxDalCreator::useSimulationForDefaultDalIs(bool v) {
-  store(useSimulationForDefaultDal_, v, &NotifieeConst::onUseSimulationForDefaultDal);
+  notifiees_.store(useSimulationForDefaultDal_, v, &NotifieeConst::onUseSimulationForDefaultDal);
 }
 void DemuxDalCreator::simulationSerializerIdIs(SerializerId v) {
-  store(simulationSerializerId_, v, &NotifieeConst::onSimulationSerializerId);
+  notifiees_.store(simulationSerializerId_, v, &NotifieeConst::onSimulationSerializerId);
 }
 
 Kel::Ptr<DalProcessingStatusCol> DemuxDalCreator::dalProcessingStatusColIs() {
   if (!dalProcessingStatusCol_)
-    store(dalProcessingStatusCol_, Kel::allocate<DalProcessingStatusCol>(),
-          &NotifieeConst::onDalProcessingStatusCol);
+    notifiees_.store(dalProcessingStatusCol_, Kel::allocate<DalProcessingStatusCol>(),
+                     &NotifieeConst::onDalProcessingStatusCol);
   return dalProcessingStatusCol_;
 }
 
 void DemuxDalCreator::dalProcessingStatusColDel() {
-  store(dalProcessingStatusCol_, Kel::Ptr<DalProcessingStatusCol>(),
-        &NotifieeConst::onDalProcessingStatusCol);
+  notifiees_.store(dalProcessingStatusCol_, Kel::Ptr<DalProcessingStatusCol>(),
+                   &NotifieeConst::onDalProcessingStatusCol);
 }
 
 // Collections

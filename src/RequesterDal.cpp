@@ -20,10 +20,7 @@ namespace {
 // The requester library's queue handle lives as long as this library is loaded.
 Kel::TraceHandle queueTrace("ZorvekQueue");
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekRequesterDal");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekRequesterDal")
 
 // Shadow comparisons of writes up to this size use a stack buffer; larger ones the heap.
 constexpr std::size_t kStackScratchBytes = 512;

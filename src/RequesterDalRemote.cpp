@@ -16,10 +16,7 @@ KEL_DEFINE_ENTITY_TYPE(RequesterDalRemote, "Zorvek::RequesterDalRemote")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekRequesterDalRemote");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekRequesterDalRemote")
 
 }  // namespace
 

@@ -14,10 +14,7 @@ KEL_DEFINE_ENTITY_TYPE(RequesterDalSchan, "Zorvek::RequesterDalSchan")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekRequesterDalSchan");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekRequesterDalSchan")
 
 }  // namespace
 

@@ -2,7 +2,7 @@
 // record when the handle's ring level is on, and the framework's text trace (with file,
 // line and function) when its text level is on; the text is built only in that case.
 //
-//   static Kel::TraceHandle& th() { static Kel::TraceHandle h("ZorvekDemuxDal"); return h; }
+//   namespace { KEL_FILE_TRACE_HANDLE("ZorvekDemuxDal") }   // the file's th()
 //   DUWISP_TRACE(th(), 8, "Resource type %s id 0x%x", rid.type(), rid.id());
 //
 // When neither sink is on at that level, a trace point costs one test of the handle's mask.

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -52,6 +53,15 @@ class NotifieeList {
       (static_cast<typename T::NotifieeConst*>(o)->*fn)(args...);
     }
     if (--depth_ == 0 && holes_) compact();
+  }
+
+  // The setter of an observable attribute: stores `v` in `field` and visits `fn`, only when
+  // that changed the value.
+  template <class V, class Fn>
+  void store(V& field, const std::type_identity_t<V>& v, Fn fn) {
+    if (field == v) return;
+    field = v;
+    visit(fn);
   }
 
   std::size_t size() const {

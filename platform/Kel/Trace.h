@@ -51,6 +51,19 @@ class KEL_EXPORT TraceHandle {
   std::uint32_t ring_ = 0;
 };
 
+// Defines th(), the trace handle of a source file, named `name` and created on first use, so
+// that a trace point run while the program is still loading finds it made. Written once per
+// file, in its unnamed namespace:
+//
+//   namespace {
+//   KEL_FILE_TRACE_HANDLE("ZorvekDemuxDal")
+//   }
+#define KEL_FILE_TRACE_HANDLE(name)    \
+  ::Kel::TraceHandle& th() {           \
+    static ::Kel::TraceHandle h(name); \
+    return h;                          \
+  }
+
 // The registered handle of that name, or null.
 KEL_EXPORT TraceHandle* traceHandle(std::string_view name);
 

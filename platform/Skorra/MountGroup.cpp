@@ -11,10 +11,7 @@ KEL_DEFINE_ENTITY_TYPE(MountGroup, "Skorra::MountGroup")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("SkorraMountGroup");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("SkorraMountGroup")
 
 constexpr std::string_view kDirType = "Kel::Dir";
 
@@ -81,9 +78,7 @@ MountGroup::Binding MountGroup::bind(const Mount& mount) const {
 }
 
 void MountGroup::mountsCompleteIs(bool v) {
-  if (v == mountsComplete_) return;
-  mountsComplete_ = v;
-  notifiees_.visit(&NotifieeConst::onMountsComplete);
+  notifiees_.store(mountsComplete_, v, &NotifieeConst::onMountsComplete);
 }
 
 Kel::Ptr<Kel::Entity> EntityManager::getEntity(Kel::String path) const {

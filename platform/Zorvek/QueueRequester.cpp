@@ -10,10 +10,7 @@ KEL_DEFINE_ENTITY_TYPE(QueueRequester, "Zorvek::QueueRequester")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekQueueRequester");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekQueueRequester")
 
 }  // namespace
 

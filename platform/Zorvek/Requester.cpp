@@ -8,21 +8,17 @@ KEL_DEFINE_ENTITY_TYPE(Requester, "Zorvek::Requester")
 
 Requester::Requester(Kel::String name, AgentId agentId, DalId dalId,
                      Kel::Ptr<DalProcessingStatus> processingStatus)
-    : name_(std::move(name)), agentId_(agentId), dalId_(dalId),
+    : name_(std::move(name)),
+      agentId_(agentId),
+      dalId_(dalId),
       processingStatus_(std::move(processingStatus)) {}
 
 Requester::~Requester() = default;
 
-void Requester::readyIs(bool v) {
-  if (v == ready_) return;
-  ready_ = v;
-  notifiees_.visit(&NotifieeConst::onReady);
-}
+void Requester::readyIs(bool v) { notifiees_.store(ready_, v, &NotifieeConst::onReady); }
 
 void Requester::serializerRestartCountIs(U64 v) {
-  if (v == serializerRestartCount_) return;
-  serializerRestartCount_ = v;
-  notifiees_.visit(&NotifieeConst::onSerializerRestartCount);
+  notifiees_.store(serializerRestartCount_, v, &NotifieeConst::onSerializerRestartCount);
 }
 
 U64 Requester::takeCmdIndex() {

@@ -29,17 +29,4 @@ const RequesterDataMask& noDataMask() {
   return none;
 }
 
-const RequesterDataMask& ResourceIdToDataMaskMap::dataMask(const PhysicalResourceId& id) const {
-  return dataMaskOrNone(masks_, id);
-}
-
-void ResourceIdToDataMaskMap::dataMaskIs(const PhysicalResourceId& id,
-                                         const RequesterDataMask& mask) {
-  if (dataMaskStore(masks_, id, mask)) notifiees_.visit(&NotifieeConst::onDataMask, id);
-}
-
-void ResourceIdToDataMaskMap::dataMaskDel(const PhysicalResourceId& id) {
-  if (masks_.erase(id) != 0) notifiees_.visit(&NotifieeConst::onDataMask, id);
-}
-
 }  // namespace Zorvek

@@ -47,53 +47,62 @@ class KEL_EXPORT RequesterDataMask {
 // The mask every lookup of an absent key answers: flag false, no bytes.
 KEL_EXPORT const RequesterDataMask& noDataMask();
 
-// The data masks of the physical resources an agent writes through one serializer, keyed by
-// normalised PhysicalResourceId (hashed; iteration order not defined).
-class KEL_EXPORT ResourceIdToDataMaskMap : public Kel::Entity {
-  KEL_ENTITY_TYPE(ResourceIdToDataMaskMap)
-
+// The data masks of resources an agent writes, keyed by resource id: a lookup of an absent
+// key answers noDataMask(), and the writers notify onDataMask(id) on a change only. `Self`
+// is the entity that derives from it and that observers watch.
+template <class Self, class Map>
+class DataMaskCollection : public Kel::Entity {
  public:
-  class NotifieeConst : public Kel::NotifieeConst<ResourceIdToDataMaskMap> {
+  using DataMaskMap = Map;
+  using Key = typename Map::key_type;
+  class NotifieeConst : public Kel::NotifieeConst<Self> {
    public:
     // The mask of `id` was added, changed or removed.
-    virtual void onDataMask(const PhysicalResourceId& id) { (void)id; }
+    virtual void onDataMask(const Key& id) { (void)id; }
   };
-  using DataMaskMap = std::unordered_map<PhysicalResourceId, RequesterDataMask>;
-
-  ResourceIdToDataMaskMap() = default;
 
   // The mask stored for `id`, or noDataMask() when there is none.
-  const RequesterDataMask& dataMask(const PhysicalResourceId& id) const;
-  bool dataMaskExists(const PhysicalResourceId& id) const { return masks_.count(id) != 0; }
+  const RequesterDataMask& dataMask(const Key& id) const {
+    auto it = findByKey(masks_, id);
+    return it == masks_.end() ? noDataMask() : it->second;
+  }
+  bool dataMaskExists(const Key& id) const { return masks_.count(id) != 0; }
   // Insert or replace / remove; each notifies onDataMask(id) only on a change.
-  void dataMaskIs(const PhysicalResourceId& id, const RequesterDataMask& mask);
-  void dataMaskDel(const PhysicalResourceId& id);
+  void dataMaskIs(const Key& id, const RequesterDataMask& mask) {
+    auto [it, inserted] = masks_.try_emplace(id, mask);
+    if (!inserted) {
+      if (it->second == mask) return;
+      it->second = mask;
+    }
+    notifiees_.visit(&NotifieeConst::onDataMask, id);
+  }
+  void dataMaskDel(const Key& id) {
+    if (masks_.erase(id) != 0) notifiees_.visit(&NotifieeConst::onDataMask, id);
+  }
   const DataMaskMap& dataMaskCol() const { return masks_; }
 
-  Kel::NotifieeList<ResourceIdToDataMaskMap>& notifiees() const { return notifiees_; }
+  Kel::NotifieeList<Self>& notifiees() const { return notifiees_; }
 
  protected:
-  ~ResourceIdToDataMaskMap() override = default;
+  ~DataMaskCollection() override = default;
 
  private:
   DataMaskMap masks_;
-  mutable Kel::NotifieeList<ResourceIdToDataMaskMap> notifiees_;
+  mutable Kel::NotifieeList<Self> notifiees_;
 };
 
-// Shared by the mask collections. The mask under `key`, or noDataMask():
-template <class Map>
-const RequesterDataMask& dataMaskOrNone(const Map& masks, const typename Map::key_type& key) {
-  auto it = findByKey(masks, key);
-  return it == masks.end() ? noDataMask() : it->second;
-}
-// Inserts or replaces the mask under `key`; true when the stored mask changed.
-template <class Map>
-bool dataMaskStore(Map& masks, const typename Map::key_type& key, const RequesterDataMask& mask) {
-  auto [it, inserted] = masks.try_emplace(key, mask);
-  if (inserted) return true;
-  if (it->second == mask) return false;
-  it->second = mask;
-  return true;
-}
+// The data masks of the physical resources an agent writes through one serializer, keyed by
+// normalised PhysicalResourceId (hashed; iteration order not defined).
+class KEL_EXPORT ResourceIdToDataMaskMap
+    : public DataMaskCollection<ResourceIdToDataMaskMap,
+                                std::unordered_map<PhysicalResourceId, RequesterDataMask>> {
+  KEL_ENTITY_TYPE(ResourceIdToDataMaskMap)
+
+ public:
+  ResourceIdToDataMaskMap() = default;
+
+ protected:
+  ~ResourceIdToDataMaskMap() override = default;
+};
 
 }  // namespace Zorvek

@@ -13,17 +13,4 @@ void PhysicalResourceIdCol::resourceIdDel(const PhysicalResourceId& id) {
   if (ids_.erase(id) != 0) notifiees_.visit(&NotifieeConst::onResourceId, id);
 }
 
-const RequesterDataMask& LogicalRemoteResourceIdCol::dataMask(const LogicalResourceId& id) const {
-  return dataMaskOrNone(masks_, id);
-}
-
-void LogicalRemoteResourceIdCol::dataMaskIs(const LogicalResourceId& id,
-                                            const RequesterDataMask& mask) {
-  if (dataMaskStore(masks_, id, mask)) notifiees_.visit(&NotifieeConst::onDataMask, id);
-}
-
-void LogicalRemoteResourceIdCol::dataMaskDel(const LogicalResourceId& id) {
-  if (masks_.erase(id) != 0) notifiees_.visit(&NotifieeConst::onDataMask, id);
-}
-
 }  // namespace Zorvek

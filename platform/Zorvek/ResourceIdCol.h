@@ -54,35 +54,16 @@ class KEL_EXPORT PhysicalResourceIdCol : public Kel::Entity {
   mutable Kel::NotifieeList<PhysicalResourceIdCol> notifiees_;
 };
 
-class KEL_EXPORT LogicalRemoteResourceIdCol : public Kel::Entity {
+class KEL_EXPORT LogicalRemoteResourceIdCol
+    : public DataMaskCollection<LogicalRemoteResourceIdCol,
+                                std::map<LogicalResourceId, RequesterDataMask>> {
   KEL_ENTITY_TYPE(LogicalRemoteResourceIdCol)
 
  public:
-  class NotifieeConst : public Kel::NotifieeConst<LogicalRemoteResourceIdCol> {
-   public:
-    // The entry of `id` was added, changed or removed.
-    virtual void onDataMask(const LogicalResourceId& id) { (void)id; }
-  };
-  using DataMaskMap = std::map<LogicalResourceId, RequesterDataMask>;
-
   LogicalRemoteResourceIdCol() = default;
-
-  // The mask of a listed resource, or noDataMask() for a resource that is not listed.
-  const RequesterDataMask& dataMask(const LogicalResourceId& id) const;
-  bool dataMaskExists(const LogicalResourceId& id) const { return masks_.count(id) != 0; }
-  // Insert or replace / remove; each notifies onDataMask(id) only on a change.
-  void dataMaskIs(const LogicalResourceId& id, const RequesterDataMask& mask);
-  void dataMaskDel(const LogicalResourceId& id);
-  const DataMaskMap& dataMaskCol() const { return masks_; }
-
-  Kel::NotifieeList<LogicalRemoteResourceIdCol>& notifiees() const { return notifiees_; }
 
  protected:
   ~LogicalRemoteResourceIdCol() override = default;
-
- private:
-  DataMaskMap masks_;
-  mutable Kel::NotifieeList<LogicalRemoteResourceIdCol> notifiees_;
 };
 
 }  // namespace Zorvek

@@ -41,9 +41,7 @@ S32 SchanBackend::commandExecute(QueueCommand& cmd, AgentId agentId) {
 SchanBackendRegistry::~SchanBackendRegistry() = default;
 
 void SchanBackendRegistry::backendIs(const Kel::Ptr<SchanBackend>& backend) {
-  if (backend == backend_) return;
-  backend_ = backend;
-  notifiees_.visit(&NotifieeConst::onBackend);
+  notifiees_.store(backend_, backend, &NotifieeConst::onBackend);
 }
 
 SchanBackendRegistry& schanBackendRegistry() {

@@ -11,10 +11,7 @@ KEL_DEFINE_ENTITY_TYPE(SchanRequester, "Zorvek::SchanRequester")
 
 namespace {
 
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("ZorvekSchanRequester");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("ZorvekSchanRequester")
 
 }  // namespace
 

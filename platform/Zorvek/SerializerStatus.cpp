@@ -17,9 +17,7 @@ void SerializerStatus::servedQueueDel(const Kel::String& name) {
 }
 
 void SerializerStatus::restartCountIs(U64 v) {
-  if (v == restartCount_) return;
-  restartCount_ = v;
-  notifiees_.visit(&NotifieeConst::onRestartCount);
+  notifiees_.store(restartCount_, v, &NotifieeConst::onRestartCount);
 }
 
 }  // namespace Zorvek

@@ -101,9 +101,6 @@ class KEL_EXPORT SerializerInfo : public Kel::Entity {
   ~SerializerInfo() override = default;
 
  private:
-  template <class V>
-  void store(V& field, const V& v, void (NotifieeConst::*onX)());
-
   SerializerId id_;
   AgentId agentId_ = kInvalidAgentId;
   Kel::String name_;
@@ -275,8 +272,6 @@ class KEL_EXPORT DemuxDalCreator : public Kel::Entity {
   ~DemuxDalCreator() override;
 
  private:
-  template <class V>
-  void store(V& field, const V& v, void (NotifieeConst::*onX)());
   // The description of the serializer owning a logical resource (serializer 0 when the
   // resource is not mapped); asserts that it exists.
   Kel::Ptr<SerializerInfo> remoteSerializerInfo(const LogicalResourceId& id) const;
