@@ -28,10 +28,7 @@ std::string readFile(const std::string& path) {
 }
 
 // The handle of the trace points of these tests.
-Kel::TraceHandle& th() {
-  static Kel::TraceHandle h("TraceTestPoint");
-  return h;
-}
+KEL_FILE_TRACE_HANDLE("TraceTestPoint")
 
 // Bad level strings throw and change nothing; good ones also reach handles created later.
 TEST(TraceHandleTest, LevelStringsSetTheLevelsOfNamedHandlesNowAndLater) {
