@@ -17,10 +17,10 @@ namespace Kel {
 
 }  // namespace Kel
 
-#define KEL_ASSERT_TEXT(cond, text)                                     \
-  do {                                                                  \
-    if (!(cond)) [[unlikely]]                                           \
-      ::Kel::assertionFailed(text, __FILE__, __LINE__, __func__);       \
+#define KEL_ASSERT_TEXT(cond, text)                               \
+  do {                                                            \
+    if (!(cond)) [[unlikely]]                                     \
+      ::Kel::assertionFailed(text, __FILE__, __LINE__, __func__); \
   } while (0)
 
 #define KEL_ASSERT(cond) KEL_ASSERT_TEXT(cond, #cond)

@@ -126,29 +126,29 @@ struct Registrar {
 
 }  // namespace Kel
 
-#define KEL_ENTITY_TYPE(Class)                             \
- public:                                                   \
-  static const ::Kel::Type& staticType();                  \
-  const ::Kel::Type& fwkType() const override;             \
-                                                           \
+#define KEL_ENTITY_TYPE(Class)                 \
+ public:                                       \
+  static const ::Kel::Type& staticType();      \
+  const ::Kel::Type& fwkType() const override; \
+                                               \
  private:
 
 #define KEL_CONCAT_INNER(a, b) a##b
 #define KEL_CONCAT(a, b) KEL_CONCAT_INNER(a, b)
 
 // Defines the type functions of an entity class and registers the type at load time.
-#define KEL_DEFINE_ENTITY_TYPE(Class, typeName)                                         \
-  const ::Kel::Type& Class::staticType() {                                              \
-    static const ::Kel::Type& t = ::Kel::TypeRegistry::registerType(typeName);          \
-    return t;                                                                           \
-  }                                                                                     \
-  const ::Kel::Type& Class::fwkType() const { return staticType(); }                    \
+#define KEL_DEFINE_ENTITY_TYPE(Class, typeName)                                \
+  const ::Kel::Type& Class::staticType() {                                     \
+    static const ::Kel::Type& t = ::Kel::TypeRegistry::registerType(typeName); \
+    return t;                                                                  \
+  }                                                                            \
+  const ::Kel::Type& Class::fwkType() const { return staticType(); }           \
   static const ::Kel::detail::Registrar KEL_CONCAT(kelRegistrar, __LINE__){Class::staticType()};
 
 // Value types (not entities) register their name the same way and answer fwkType().
-#define KEL_DEFINE_VALUE_TYPE(Class, typeName)                                          \
-  const ::Kel::Type& Class::fwkType() {                                                 \
-    static const ::Kel::Type& t = ::Kel::TypeRegistry::registerType(typeName);          \
-    return t;                                                                           \
-  }                                                                                     \
+#define KEL_DEFINE_VALUE_TYPE(Class, typeName)                                 \
+  const ::Kel::Type& Class::fwkType() {                                        \
+    static const ::Kel::Type& t = ::Kel::TypeRegistry::registerType(typeName); \
+    return t;                                                                  \
+  }                                                                            \
   static const ::Kel::detail::Registrar KEL_CONCAT(kelRegistrar, __LINE__){Class::fwkType()};

@@ -25,13 +25,11 @@ class Ptr {
   Ptr(const Ptr& o) noexcept : p_(o.p_) { retain(); }
   Ptr(Ptr&& o) noexcept : p_(o.p_) { o.p_ = nullptr; }
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& o) noexcept : p_(o.ptr()) {
-    retain();
-  }
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& o)
+  noexcept : p_(o.ptr()) { retain(); }
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& o)
+  noexcept : p_(o.release()) {}
   ~Ptr() { drop(); }
 
   Ptr& operator=(const Ptr& o) noexcept {
@@ -101,7 +99,5 @@ Ptr<T> dynamicPtrCast(const Ptr<U>& p) noexcept {
 
 template <class T>
 struct std::hash<Kel::Ptr<T>> {
-  std::size_t operator()(const Kel::Ptr<T>& p) const noexcept {
-    return std::hash<T*>()(p.ptr());
-  }
+  std::size_t operator()(const Kel::Ptr<T>& p) const noexcept { return std::hash<T*>()(p.ptr()); }
 };
