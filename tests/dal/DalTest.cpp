@@ -1,5 +1,6 @@
 // Zorvek::Dal: option setters and their notifications, the coprocessor checker hook, the cache
-// statistics helpers, the state dump and the base virtuals that derived DALs must supply.
+// statistics helpers and the base virtuals that derived DALs must supply. (The state dump of
+// every DAL is compared with a golden copy by the assembled-tree tests.)
 #include "Zorvek/Dal.h"
 
 #include <gmock/gmock.h>
@@ -15,7 +16,6 @@ namespace {
 using namespace ::testing;
 
 using doubles::assertion;
-using doubles::dumpOf;
 
 // Answers a register id below offset 0x1000 and a table id (offset >> 12) above; offsets from
 // 0xF000 have no type (0), which counts as a register.
@@ -99,10 +99,6 @@ TEST_F(DalTest, StatisticsHelpersCountTheTotalAndTheResource) {
   EXPECT_THAT(byId(dal_->cacheWriteTableMissesCol()), ElementsAre(Pair(3, 4)));
 }
 
-std::string stateOf(Dal& d) {
-  return dumpOf([&](U32 fd) { d.showDalState(fd); });
-}
-
 TEST_F(DalTest, FlagSettersNotifyOnChangeOnly) {
   const auto observer = Kel::allocate<Observer>();
   observer->notifierIs(dal_.ptr());
@@ -113,32 +109,6 @@ TEST_F(DalTest, FlagSettersNotifyOnChangeOnly) {
     dal_->hwAccessAllowedIs(!v);
   }
   EXPECT_EQ(observer->log, "onReady onReclaimWhenProgrammed onHwAccessAllowed ");
-}
-
-// ready, reclaimWhenProgrammed and the collections are not part of the dump.
-TEST_F(DalTest, ShowDalStatePrintsEveryFlagAndTotalUnderItsOwnKey) {
-  dal_->cacheReadHitsIs(1);
-  dal_->cacheReadMissesIs(22);
-  dal_->cacheWriteHitsIs(333);
-  dal_->cacheWriteMissesIs(~0ull);
-  EXPECT_EQ(stateOf(*dal_),
-            "'name':'x','hwAccessAllowed':True,'forceReadFromShadow':False,"
-            "'okToReadFromShadow':True,'okToWriteToShadow':True,'skipHwWriteIfShadowHit':False,"
-            "'verifyEnabled':False,'blocking':False,'cacheReadHits':1, 'cacheReadMisses':22, "
-            "'cacheWriteHits':333, 'cacheWriteMisses':18446744073709551615, ");
-  // Each flag set alone, to the value that is not its default.
-  for (auto [set, shown] : std::vector<std::pair<void (Dal::*)(bool), std::string>>{
-           {&Dal::hwAccessAllowedIs, "'hwAccessAllowed':False"},
-           {&Dal::forceReadFromShadowIs, "'forceReadFromShadow':True"},
-           {&Dal::okToReadFromShadowIs, "'okToReadFromShadow':False"},
-           {&Dal::okToWriteToShadowIs, "'okToWriteToShadow':False"},
-           {&Dal::skipHwWriteIfShadowHitIs, "'skipHwWriteIfShadowHit':True"},
-           {&Dal::verifyEnabledIs, "'verifyEnabled':True"},
-           {&Dal::blockingIs, "'blocking':True"}}) {
-    const Kel::Ptr<TestDal> d = newDal();
-    (d.ptr()->*set)(shown.ends_with("True"));
-    EXPECT_THAT(stateOf(*d), HasSubstr(shown));
-  }
 }
 
 // Both texts are shared by every body a derived class must supply.

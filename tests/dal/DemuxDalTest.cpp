@@ -265,23 +265,5 @@ TEST_F(DemuxDalTest, ReadyFollowsTheDefaultDalAndEveryMember) {
   EXPECT_TRUE(parent->ready());
 }
 
-// ---------------------------------------------------------------------------------------
-// State dump
-
-TEST_F(DemuxDalTest, StateDumpFramesEveryDal) {
-  build();
-  const auto own = [](const Kel::Ptr<RequesterDal>& d) {
-    return dumpOf([&](U32 fd) { d->showDalState(fd); });
-  };
-  const std::string head = dumpOf([&](U32 fd) { demux->Dal::showDalState(fd); }) +
-                           "'defaultDalState': {" + own(defaultDal) + "},'remoteDals': {";
-  // Two ids that differ only in their type print the same key, in the map's order.
-  map->dalIs(table(21), member("table21", true));
-  map->dalIs({ResourceType::registerResource_, 21}, member("register21", true));
-  std::string members;
-  for (const auto& [rid, d] : *map) members += "'21': {" + own(d) + "},";
-  EXPECT_EQ(dumpOf([&](U32 fd) { demux->showDemuxDalState(fd); }), head + members + "},");
-}
-
 }  // namespace
 }  // namespace Zorvek

@@ -19,7 +19,6 @@ namespace {
 
 using doubles::assertion;
 using doubles::DalTrace;
-using doubles::dumpOf;
 using namespace ::testing;
 
 constexpr auto kTable = ResourceType::tableResource_;
@@ -207,7 +206,7 @@ TEST_F(RequesterDalRemoteTest, ReadsNeedTheSwitchAndACacheWritesNeedNeither) {
 }
 
 // ---------------------------------------------------------------------------------------
-// Data masks and state dump
+// Data masks
 
 // The mask bytes themselves are those of the cold-start frees (one builder serves both) and
 // reach the chip in the replay and assembled-tree tests; a null optional argument asks for no
@@ -218,12 +217,6 @@ TEST_F(RequesterDalRemoteTest, DataMaskSelectorHandsOutNoMaskForANullOptArg) {
   EXPECT_EQ(hexBytes(withOptArg.get(), 8), "ab00000000000000");
   const std::unique_ptr<U8[]> without(dal->dataMaskSelector(0x1000, nullptr, 8));
   EXPECT_EQ(without, nullptr);
-}
-
-TEST_F(RequesterDalRemoteTest, ShowDalStateFramesTheQueueRequesterState) {
-  EXPECT_EQ(dumpOf([&](U32 fd) { dal->showDalState(fd); }),
-            dumpOf([&](U32 fd) { dal->Dal::showDalState(fd); }) + "'queueRequesterStatus':{" +
-                dumpOf([&](U32 fd) { requester->showRequesterState(fd); }) + "},");
 }
 
 // ---------------------------------------------------------------------------------------

@@ -1,6 +1,6 @@
 // RequesterDalSchan: the coprocessor decisions, followed on a real SchanRequester (what it
 // has attached, and its own traces of each attach and detach); the environment switch of
-// hardware access and the state dump.
+// hardware access.
 #include "Zorvek/RequesterDalSchan.h"
 
 #include <gmock/gmock.h>
@@ -116,13 +116,6 @@ TEST_F(RequesterDalSchanTest, SkipHwAccessPresenceSwitchesHardwareOff) {
   const doubles::ScopedEnv env("XP_SKIP_HW_ACCESS", "0");
   makeDal();
   EXPECT_FALSE(dal->hwAccessAllowed());
-}
-
-TEST_F(RequesterDalSchanTest, ShowDalStateFramesTheSchanRequesterState) {
-  makeDal();
-  EXPECT_EQ(dumpOf([&](U32 fd) { dal->showDalState(fd); }),
-            dumpOf([&](U32 fd) { dal->Dal::showDalState(fd); }) + "'schanRequesterStatus':{" +
-                dumpOf([&](U32 fd) { requester->showRequesterState(fd); }) + "},");
 }
 
 using RequesterDalSchanDeathTest = RequesterDalSchanTest;

@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "Zorvek/SchanRequester.h"
-#include "dal/DalDoubles.h"
 
 namespace {
 
@@ -103,19 +102,6 @@ TEST_F(SchanRequesterTest, WritesThatCannotGoOutWaitInOrderAndResultsFail) {
                                           "1 @ 8 [1] mask - agent 6", "0 @ 8 [2] mask - agent 6"));
   schanBackendIs(nullptr);
   EXPECT_FALSE(r->ready());
-}
-
-TEST_F(SchanRequesterTest, ShowRequesterStateWritesItsFields) {
-  auto r = makeRequester(4);
-  writeAt(*r, 0, 8, 1);  // held back: no backend
-  r->attachCoprocessor(Corvane::Coprocessor(2, 20));
-  r->detachCoprocessor(Corvane::Coprocessor(9, 1));
-  EXPECT_EQ(doubles::dumpOf([&](U32 fd) { r->showRequesterState(fd); }),
-            "'name':'a5-Schan-Queue','agentId':5,'dalId':0,'ready':False,'cmdIndex':2,"
-            "'ownerAgentId':6,'backend':False,'heldBack':{'name':'a5-Schan-Queue','size':4,"
-            "'depth':1,'consumer':False,'lastCompletedCmdIndex':0,'lastFailedCmdIndex':0,"
-            "'failedCmds':0,},'attachedCoprocessors':{'2':{'coprocessorId':2,'genId':20,},},"
-            "'unidentifiedDetaches':1,'watchLog':{'recorded':0,'records':{},},");
 }
 
 }  // namespace

@@ -1,15 +1,16 @@
 // The DAL agent's whole tree on the simulated switch of the embedded topology, built the way a
-// hosting agent builds it and driven end to end: readiness, coprocessor updates, accesses
-// reaching the owner's part of the chip, command-index tracking and the environment variables.
+// hosting agent builds it and driven end to end: readiness, accesses reaching the owner's part
+// of the chip, command-index tracking, the environment variables and the state dump.
 #include <gmock/gmock.h>
 
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "Orv/WatchList.h"
 #include "Zorvek/DemuxDal.h"
-#include "Zorvek/RequesterDalSchan.h"
-#include "Zorvek/SchanRequester.h"
 #include "Zorvek/SerializerStatus.h"
 #include "dal/DalDoubles.h"
 #include "sim/SimSwitch.h"
@@ -76,22 +77,6 @@ TEST_F(AssembledTreeTest, BecomesReadyWhenTheLastSerializerPublishesItsStatus) {
   EXPECT_FALSE(dal->ready());
   sw.serializer("l2ser")->statusDir()->entityIs(kStatusEntry, sw.serializer("l2ser")->status());
   EXPECT_TRUE(dal->ready());
-}
-
-// The switch's coprocessor log reaches the S-channel requester through the assembled adapter:
-// a new generation is re-attached, an unchanged record is no news at all.
-TEST_F(AssembledTreeTest, CoprocessorLogUpdatesReachTheSchanRequester) {
-  dal = sw.buildDal();
-  const Zorvek::doubles::DalTrace trace("ZorvekRequesterDalSchan");
-  sw.coprocessorStatusLog()->setRecordIs("cop0", Corvane::Coprocessor(1, 1));
-  sw.coprocessorStatusLog()->setRecordIs("cop1", Corvane::Coprocessor(2, 5));
-  const auto schan = Kel::dynamicPtrCast<Zorvek::RequesterDalSchan>(dal->defaultDal());
-  EXPECT_THAT(schan->schanRequester()->attachedCoprocessors(),
-              ElementsAre(Corvane::Coprocessor(1, 1), Corvane::Coprocessor(2, 5)));
-  EXPECT_THAT(trace.lines(), Contains(Pair(0,
-                                           "coprocessor cop1 genId has changed. old genId: 1 "
-                                           "new genId: 5")));
-  EXPECT_THAT(trace.lines(), Not(Contains(Pair(_, HasSubstr("cop0")))));
 }
 
 // (table, entry, data written, serializer that owns it or null for the S-channel, chip entry)
@@ -185,18 +170,45 @@ INSTANTIATE_TEST_SUITE_P(
            // No remote DAL: the S-channel carries the vlan write; nothing waits.
            Env{"XP_FORCE_LOCAL_SHADOW_ACCESS", "1", true, 0, true, true}));
 
-using AssembledTreeDeathTest = AssembledTreeTest;
-
-TEST_F(AssembledTreeDeathTest, SimulationVmidVerifiesTheEntrySize) {
-  dal = sw.buildDal();
-  // Half an entry is accepted unverified. The remote shadow still takes a whole entry from
-  // the caller's buffer, so the buffer holds one.
-  const Bytes entry = Bytes(8, 0x5C);
-  SimOptArg arg = sw.optArg(kDev, offset(kVlan, 3));
-  EXPECT_EQ(dal->dalWrite(Zorvek::oneDeviceMask(kDev), offset(kVlan, 3), 4, entry.data(), &arg), 0);
+// The DemuxDal's state dump after a short, fixed history, against the golden copy in
+// sim/golden/assembled-tree-dump.txt, where a line break follows each comma so that a
+// difference reads as a line diff (the dump itself has none). The history marks every part:
+// SIMULATION_VMID (verify on in every DAL), watched commands in the watch logs, a
+// restart of aclser, a command left in l2ser's queue, a new generation of coprocessor 2, totals
+// of all 64 bits on the DemuxDal, and options set on single members so that no two flags show
+// the same column of values across the four DALs.
+TEST_F(AssembledTreeTest, StateDumpMatchesTheGoldenCopy) {
   const ScopedEnv vmid("SIMULATION_VMID", "3");
+  const auto watchList =
+      Kel::dynamicPtrCast<Orv::WatchList>(sw.database()->entity("platform/debug/watchlist"));
+  watchList->watchIs(kDev, tableId(kRoute));
+  watchList->watchIs(kDev, tableId(kAcl));
   dal = sw.buildDal();
-  EXPECT_DEATH(write(kVlan, 3, Bytes(4, 0x5C)), "Assertion failed: size == entrySizeBytes,");
+  ASSERT_EQ(write(kRoute, 1, Bytes(8, 0x21)), 0);
+  ASSERT_EQ(write(kRoute, 2, Bytes(8, 0x22)), 0);
+  EXPECT_EQ(read(kRoute, 1, 8), Bytes(8, 0x21));
+  ASSERT_EQ(write(kAcl, 0, Bytes(16, 0x30)), 0);
+  sw.serve();
+  sw.restart("aclser");
+  sw.serve();
+  ASSERT_EQ(write(kVlan, 0, Bytes(8, 0x40)), 0);
+  sw.coprocessorStatusLog()->setRecordIs("cop1", Corvane::Coprocessor(2, 5));
+  const auto& members = *dal->resourceIdToDalMap();
+  dal->defaultDal()->forceReadFromShadowIs(true);
+  dal->defaultDal()->okToWriteToShadowIs(false);
+  members.dal(tableId(kVlan))->okToReadFromShadowIs(false);
+  members.dal(tableId(kVlan))->skipHwWriteIfShadowHitIs(true);
+  members.dal(tableId(kAcl))->hwAccessAllowedIs(false);
+  members.dal(tableId(kAcl))->blockingIs(true);
+  dal->cacheReadHitsIs(1);
+  dal->cacheReadMissesIs(22);
+  dal->cacheWriteHitsIs(333);
+  dal->cacheWriteMissesIs(~0ull);
+  std::string dump;
+  for (char c : Zorvek::doubles::dumpOf([&](U32 fd) { dal->showDemuxDalState(fd); }))
+    dump += c == ',' ? ",\n" : std::string(1, c);
+  std::ifstream golden(ZORVEK_TEST_DATA "/sim/golden/assembled-tree-dump.txt");
+  EXPECT_EQ(dump, std::string(std::istreambuf_iterator<char>(golden), {}));
 }
 
 }  // namespace
