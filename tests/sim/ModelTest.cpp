@@ -91,21 +91,15 @@ struct Counters {
 
 // The default DAL (part 0) or the remote DAL of one serializer.
 struct Part {
-  Part(std::size_t index, std::string name, Kel::Ptr<RequesterDal> dal,
-       Kel::Ptr<SimSerializer> serializer)
-      : index(index),
-        name(std::move(name)),
-        dal(std::move(dal)),
-        serializer(std::move(serializer)) {}
   std::size_t index;  // 0: the default DAL
   std::string name;
   Kel::Ptr<RequesterDal> dal;          // null for a serializer that serves no resource
   Kel::Ptr<SimSerializer> serializer;  // null for the default DAL
   bool reachable = true;               // queue served / chip registered as the backend
   bool ready = true;
-  std::deque<Cmd> pending;
-  std::map<std::pair<U32, DeviceOffset>, LocalEntry> local;  // remote: (device, offset)
-  Counters counters;
+  std::deque<Cmd> pending{};
+  std::map<std::pair<U32, DeviceOffset>, LocalEntry> local{};  // remote: (device, offset)
+  Counters counters{};
   bool remote() const { return serializer != nullptr; }
 };
 
@@ -125,9 +119,9 @@ class ModelRun {
  public:
   ModelRun(const Topology& topology, U64 seed)
       : sw_(topology), seed_(seed), rng_(seed), dal_(sw_.buildDal()) {
-    parts_.emplace_back(0, "default", dal_->defaultDal(), nullptr);
+    parts_.push_back(Part{0, "default", dal_->defaultDal(), nullptr});
     for (const SerializerDef& s : topology.serializers) {
-      Part p(parts_.size(), s.name, nullptr, sw_.serializer(s.name));
+      Part p{parts_.size(), s.name, nullptr, sw_.serializer(s.name)};
       if (!s.resources.empty() && !s.resources[0].tables.empty())
         p.dal = dal_->resourceIdToDalMap()->dal(
             PhysicalResourceId(ResourceType::tableResource_, s.resources[0].tables[0]));
@@ -558,19 +552,13 @@ class ModelRun {
     bool (Zorvek::Dal::*get)() const;
     void (Zorvek::Dal::*set)(bool);
   };
+#define OPTION(option, flag) \
+  { #option, &Options::flag, &Zorvek::Dal::option, &Zorvek::Dal::option##Is }
   static constexpr OptionDef kOptions[] = {
-      {"hwAccessAllowed", &Options::hw, &Zorvek::Dal::hwAccessAllowed,
-       &Zorvek::Dal::hwAccessAllowedIs},
-      {"okToReadFromShadow", &Options::okRead, &Zorvek::Dal::okToReadFromShadow,
-       &Zorvek::Dal::okToReadFromShadowIs},
-      {"okToWriteToShadow", &Options::okWrite, &Zorvek::Dal::okToWriteToShadow,
-       &Zorvek::Dal::okToWriteToShadowIs},
-      {"forceReadFromShadow", &Options::force, &Zorvek::Dal::forceReadFromShadow,
-       &Zorvek::Dal::forceReadFromShadowIs},
-      {"skipHwWriteIfShadowHit", &Options::skip, &Zorvek::Dal::skipHwWriteIfShadowHit,
-       &Zorvek::Dal::skipHwWriteIfShadowHitIs},
-      {"blocking", &Options::blocking, &Zorvek::Dal::blocking, &Zorvek::Dal::blockingIs},
-  };
+      OPTION(hwAccessAllowed, hw),          OPTION(okToReadFromShadow, okRead),
+      OPTION(okToWriteToShadow, okWrite),   OPTION(forceReadFromShadow, force),
+      OPTION(skipHwWriteIfShadowHit, skip), OPTION(blocking, blocking)};
+#undef OPTION
 
   void option() {
     const OptionDef& o = kOptions[below(std::size(kOptions))];
@@ -778,21 +766,11 @@ class ModelRun {
   std::string failure_;
 };
 
-// One device; a replicated remote table whose memory entries hold several entries, with a
-// sparse mask reached through its normalised id; a mask that covers whole entries; a
-// remote table without one; a serializer that owns nothing; S-channel resources that are
-// not cacheable.
-Topology maskedVariant() {
-  return Topology::load(ZORVEK_TEST_DATA "/sim/topologies/masked-variant.json");
-}
-
-struct TopologyCase {
-  const char* name;
-  Topology (*make)();
-  friend void PrintTo(const TopologyCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class DemuxDalModelTest : public ::testing::TestWithParam<TopologyCase> {};
+// The embedded default, and MaskedVariant: one device; a replicated remote table whose memory
+// entries hold several entries, with a sparse mask reached through its normalised id; a mask
+// that covers whole entries; a remote table without one; a serializer that owns nothing;
+// S-channel resources that are not cacheable.
+class DemuxDalModelTest : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(DemuxDalModelTest, RandomStepsMatchTheModel) {
   // A fixed seed keeps the suite reproducible; ZORVEK_MODEL_SEED=random asks for a new one.
@@ -800,18 +778,19 @@ TEST_P(DemuxDalModelTest, RandomStepsMatchTheModel) {
   const U64 seed = asked && std::string_view(asked) == "random" ? std::random_device{}()
                                                                 : envNumber("ZORVEK_MODEL_SEED", 1);
   const U64 steps = envNumber("ZORVEK_MODEL_STEPS", kDefaultSteps);
-  std::printf("%s: seed %llu, %llu steps\n", GetParam().name, static_cast<unsigned long long>(seed),
-              static_cast<unsigned long long>(steps));
-  ModelRun run(GetParam().make(), seed);
+  std::printf("%s: seed %llu, %llu steps\n", GetParam().c_str(),
+              static_cast<unsigned long long>(seed), static_cast<unsigned long long>(steps));
+  ModelRun run(GetParam() == "MaskedVariant"
+                   ? Topology::load(ZORVEK_TEST_DATA "/sim/topologies/masked-variant.json")
+                   : Topology::embeddedDefault(),
+               seed);
   const std::string failure = run.run(steps);
   EXPECT_TRUE(failure.empty()) << failure;
 }
 
 INSTANTIATE_TEST_SUITE_P(Topologies, DemuxDalModelTest,
-                         ::testing::Values(TopologyCase{"EmbeddedDefault",
-                                                        &Topology::embeddedDefault},
-                                           TopologyCase{"MaskedVariant", &maskedVariant}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         ::testing::Values("EmbeddedDefault", "MaskedVariant"),
+                         [](const auto& info) { return info.param; });
 
 }  // namespace
 }  // namespace sim
