@@ -209,7 +209,7 @@ TEST_F(RequesterDalRemoteTest, ReadsNeedTheSwitchAndACacheWritesNeedNeither) {
 // Data masks
 
 // The mask bytes themselves are those of the cold-start frees (one builder serves both) and
-// reach the chip in the replay and assembled-tree tests; a null optional argument asks for no
+// reach the chip in the model and assembled-tree tests; a null optional argument asks for no
 // mask even where one exists.
 TEST_F(RequesterDalRemoteTest, DataMaskSelectorHandsOutNoMaskForANullOptArg) {
   masks->dataMaskIs(kA, mask(true, {{0, 0xab}}));

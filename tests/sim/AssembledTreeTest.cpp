@@ -86,12 +86,16 @@ class AssembledTreeRouteTest : public AssembledTreeTest,
 
 TEST_P(AssembledTreeRouteTest, WriteReachesTheOwnersPartOfTheChip) {
   const auto& [table, entry, data, serializer, expected] = GetParam();
-  const Bytes zeros(expected.size());
+  // Another agent's bytes, which a masked write must leave where the mask does not reach.
+  const Bytes other(expected.size(), 0xEE);
+  ASSERT_EQ(sw.chip(kDev)->writeAt(offset(table, entry), other.data(), nullptr, U32(other.size()),
+                                   kFwd + 1),
+            0);
   dal = sw.buildDal();
   std::map<std::string, U64> expectedExecuted = executed();
   ASSERT_EQ(write(table, entry, data), 0);
   // The S-channel writes the chip at once; a queue waits for its serializer.
-  EXPECT_EQ(chipEntry(table, entry), serializer ? zeros : expected);
+  EXPECT_EQ(chipEntry(table, entry), serializer ? other : expected);
   sw.serve();
   EXPECT_EQ(chipEntry(table, entry), expected);
   EXPECT_EQ(sw.chip(kDev)->owner(tableId(table), entry), kFwd);
@@ -100,7 +104,8 @@ TEST_P(AssembledTreeRouteTest, WriteReachesTheOwnersPartOfTheChip) {
 }
 
 // The low nibble of byte 7 and bytes 8 on of a host entry are another agent's.
-const Bytes kMaskedHost{0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xA0, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kMaskedHost{0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAE,
+                        0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
 INSTANTIATE_TEST_SUITE_P(Routes, AssembledTreeRouteTest,
                          Values(Route{kHost, 5, Bytes(16, 0xAB), "l2ser", kMaskedHost},
                                 Route{kAcl + 1, 2, Bytes(16, 0x3D), "aclser", Bytes(16, 0x3D)},

@@ -1,6 +1,6 @@
 // SimChip: the refusals that catch a DAL reaching past a resource. Masked writes, ownership,
-// frees and bulk transfers are checked through the serializer and the assembled-tree, replay
-// and model tests.
+// frees and bulk transfers are checked through the serializer, assembled-tree and model
+// tests.
 #include "sim/SimChip.h"
 
 #include <gmock/gmock.h>

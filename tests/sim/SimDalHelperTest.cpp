@@ -1,6 +1,6 @@
 // SimDalHelper: the optArg checks of a verifying DAL. Ids, sizes, replicated instances, the
-// device shadow and the bulk buffers answer every access of the assembled-tree, replay and
-// model tests.
+// device shadow and the bulk buffers answer every access of the assembled-tree and model
+// tests.
 #include "sim/SimDalHelper.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 // SimSerializer end to end: real QueueRequesters and the serializer meet in a Skorra
 // database through mounts of opposite modes; commands for resources the serializer does not
 // own are rejected, and a free clears an agent's entries. (Serving queues, and restarts that
-// wipe only the serializer's tables, run in the model, replay and simulator tests.)
+// wipe only the serializer's tables, run in the model and simulator tests.)
 #include "sim/SimSerializer.h"
 
 #include <gmock/gmock.h>
