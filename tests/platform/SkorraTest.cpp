@@ -24,23 +24,16 @@ class MountGroupTest : public ::testing::Test {
   Kel::Ptr<Skorra::MountGroup> group = Kel::allocate<Skorra::MountGroup>(db);
 };
 
-TEST_F(MountGroupTest, CompletionBindsTheRequestsThatTheEntityManagerAnswers) {
-  auto watchList = Kel::allocate<Orv::WatchList>(Kel::Name("watchlist"));
-  db->entityIs("platform/debug/watchlist", watchList);
-  const std::vector<Mount> requests{Mount("s0/config", "Kel::Dir", "wi"),
-                                    Mount("platform/debug/watchlist", "Orv::WatchList", "ri"),
-                                    Mount("platform/absent", "Orv::WatchList", "ri")};
-  for (const Mount& m : requests) group->doMount(m);
+// What a completed mount binds (a directory created or found, an entity of another type or
+// its absence) is what the creator's tests and every assembled tree rely on; here, what the
+// entity manager does not answer: a request not yet completed, and paths outside the mounts.
+TEST_F(MountGroupTest, EntityManagerAnswersOnlyBelowCompletedMounts) {
+  db->entityIs("platform/debug/watchlist", Kel::allocate<Orv::WatchList>(Kel::Name("watchlist")));
+  group->doMount(Mount("s0/config", "Kel::Dir", "wi"));
+  group->doMount(Mount("platform/debug/watchlist", "Orv::WatchList", "ri"));
   EXPECT_EQ(get("s0/config"), nullptr);  // not complete yet
   group->completeMounts();
-  EXPECT_TRUE(group->mountsComplete());
-  ASSERT_NE(get("s0/config"), nullptr);
-  EXPECT_EQ(get("s0/config"), db->entity("s0/config"));  // created; writable: the directory
-  EXPECT_EQ(get("platform/debug/watchlist"), watchList);
-  EXPECT_EQ(get("platform/absent"), nullptr);  // types other than Kel::Dir may be absent
-  auto queue = newDir("q");
-  db->entityIs("s0/config/q", queue);
-  EXPECT_EQ(get("s0/config/q"), queue);
+  EXPECT_NE(get("s0/config"), nullptr);
   for (const char* unmounted : {"s0", "s0/status", "platform/debug", "s0/configx", "s0/config/none",
                                 "platform/debug/watchlist/below"})
     EXPECT_EQ(get(unmounted), nullptr) << unmounted;
