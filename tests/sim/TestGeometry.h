@@ -25,9 +25,8 @@
 namespace sim::test {
 
 constexpr PhysicalResourceId kRoute0{ResourceType::tableResource_, 0x10},
-    kRoute1{ResourceType::tableResource_, 0x11}, kHashed{ResourceType::tableResource_, 0x20},
-    kCtrl{ResourceType::registerResource_, 0x1}, kStat{ResourceType::registerResource_, 0x2};
-constexpr DeviceOffset kRoute1Base = 64, kHashedBase = 128, kCtrlBase = 152, kStatBase = 156;
+    kRoute1{ResourceType::tableResource_, 0x11}, kHashed{ResourceType::tableResource_, 0x20};
+constexpr DeviceOffset kRoute1Base = 64, kHashedBase = 128, kStatBase = 156;
 constexpr U32 kSpaceBytes = 164;
 
 // A memory entry of the route table.
