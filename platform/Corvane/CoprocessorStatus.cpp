@@ -56,6 +56,7 @@ const CoprocessorStatusAttrLog::Record& CoprocessorStatusAttrLog::record(std::si
 }
 
 void CoprocessorStatusAttrLog::recordIs(Record r) {
+  writeCheck(*this, "record");
   records_.push_back(std::move(r));
   notifiees_.visit(&NotifieeConst::onRecord, records_.size() - 1);
 }

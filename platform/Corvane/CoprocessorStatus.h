@@ -22,6 +22,7 @@
 #include "Kel/Entity.h"
 #include "Kel/Notifiee.h"
 #include "Kel/String.h"
+#include "Kel/WriteGuard.h"
 
 namespace Corvane {
 
@@ -66,7 +67,7 @@ class KEL_EXPORT CoprocessorStatus : public Kel::Entity {
 // The append-only log through which a coprocessor status is published: each record either
 // sets the value of a name or deletes the name. Records are never changed or removed, so a
 // follower remembers how many it has applied and applies the rest when notified.
-class KEL_EXPORT CoprocessorStatusAttrLog : public Kel::Entity {
+class KEL_EXPORT CoprocessorStatusAttrLog : public Kel::Entity, public Kel::WriteGuarded {
   KEL_ENTITY_TYPE(CoprocessorStatusAttrLog)
 
  public:

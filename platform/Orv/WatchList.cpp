@@ -10,12 +10,14 @@ KEL_DEFINE_ENTITY_TYPE(WatchList, "Orv::WatchList")
 WatchList::~WatchList() = default;
 
 void WatchList::watchIs(Zorvek::DeviceId devId, const Zorvek::PhysicalResourceId& rid) {
+  writeCheck(*this, "watch");
   const Watch w(devId, rid);
   if (!watches_.insert(w).second) return;
   notifiees_.visit(&NotifieeConst::onWatch, w);
 }
 
 void WatchList::watchDel(Zorvek::DeviceId devId, const Zorvek::PhysicalResourceId& rid) {
+  writeCheck(*this, "watch");
   const Watch w(devId, rid);
   if (!watches_.erase(w)) return;
   notifiees_.visit(&NotifieeConst::onWatch, w);

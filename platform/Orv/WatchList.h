@@ -19,11 +19,12 @@
 #include "Kel/Entity.h"
 #include "Kel/Notifiee.h"
 #include "Kel/String.h"
+#include "Kel/WriteGuard.h"
 #include "ZorvekTypes/Types.h"
 
 namespace Orv {
 
-class KEL_EXPORT WatchList : public Kel::Entity {
+class KEL_EXPORT WatchList : public Kel::Entity, public Kel::WriteGuarded {
   KEL_ENTITY_TYPE(WatchList)
 
  public:

@@ -1,5 +1,7 @@
 #include "Skorra/Database.h"
 
+#include "Skorra/Backend.h"
+
 namespace Skorra {
 
 KEL_DEFINE_ENTITY_TYPE(Database, "Skorra::Database")
@@ -27,6 +29,8 @@ Kel::String pathOf(const std::vector<Kel::String>& names, std::size_t count) {
 Database::Database() : root_(Kel::allocate<Kel::Dir>(Kel::Name(""))) {}
 
 Database::~Database() = default;
+
+void Database::backendIs(Kel::Ptr<Backend> backend) { backend_ = std::move(backend); }
 
 Kel::Ptr<Kel::Entity> Database::entity(std::string_view path) const {
   Kel::Ptr<Kel::Entity> current = root_;

@@ -43,6 +43,8 @@ KEL_EXPORT std::vector<Kel::String> pathNames(std::string_view path);
 // The path of those names, joined with '/'.
 KEL_EXPORT Kel::String pathOf(const std::vector<Kel::String>& names, std::size_t count);
 
+class Backend;
+
 class KEL_EXPORT Database : public Kel::Entity {
   KEL_ENTITY_TYPE(Database)
 
@@ -61,12 +63,18 @@ class KEL_EXPORT Database : public Kel::Entity {
   // Removes the entry at `path`; nothing happens when there is none.
   void entityDel(std::string_view path);
 
+  // Where the database shares its entities with other processes (Skorra/Backend.h); null
+  // for a database of this process alone.
+  const Kel::Ptr<Backend>& backend() const { return backend_; }
+  void backendIs(Kel::Ptr<Backend> backend);
+
  protected:
   ~Database() override;
 
  private:
   Kel::Ptr<Kel::Dir> parentDirIs(std::string_view path, Kel::String& leaf);
   Kel::Ptr<Kel::Dir> root_;
+  Kel::Ptr<Backend> backend_;
 };
 
 // The database shared by every agent of the process (created on first use, never

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Duwisp/Duwisp.h"
+#include "Skorra/Backend.h"
 #include "Skorra/ReadOnlyDir.h"
 
 namespace Skorra {
@@ -55,6 +56,7 @@ void MountGroup::completeMounts() {
 }
 
 MountGroup::Binding MountGroup::bind(const Mount& mount) const {
+  if (database_->backend()) database_->backend()->mountIs(*database_, mount);
   std::vector<Kel::String> names = pathNames(mount.path());
   Kel::Ptr<Kel::Entity> entity;
   if (mount.typeName() == kDirType) {

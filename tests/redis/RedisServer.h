@@ -1,0 +1,101 @@
+// A private redis-server for a test: no persistence, no TCP port, a unix socket in a
+// temporary directory; stopped (and its directory removed) when the object goes.
+#pragma once
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "Kel/ActivityLoop.h"
+#include "SkorraRedis/RedisConnection.h"
+
+namespace Skorra::test {
+
+class RedisServer {
+ public:
+  RedisServer() {
+    char dir[] = "/tmp/zorvek-redis-XXXXXX";
+    if (!mkdtemp(dir)) throw std::runtime_error("mkdtemp failed");
+    dir_ = dir;
+    start();
+  }
+  ~RedisServer() {
+    stop();
+    std::filesystem::remove_all(dir_);
+  }
+  std::string socket() const { return dir_ + "/redis.sock"; }
+  std::string url() const { return "unix://" + socket(); }
+
+  void start() {
+    pid_ = fork();
+    if (pid_ == 0) {
+      const std::string sock = socket(), log = dir_ + "/redis.log";
+      execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", sock.c_str(), "--save",
+             "", "--appendonly", "no", "--dir", dir_.c_str(), "--logfile", log.c_str(),
+             static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    for (int i = 0; i < 500; ++i) {
+      try {
+        RedisConnection(redisAddress(url())).command({"PING"});
+        return;
+      } catch (const DatabaseError&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
+    throw std::runtime_error("redis-server did not start on " + socket());
+  }
+  void stop() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    std::filesystem::remove(socket());
+  }
+
+ private:
+  std::string dir_;
+  pid_t pid_ = -1;
+};
+
+// Turns `loop` until `done()` holds, for at most `limit`; returns done().
+inline bool runUntil(Kel::ActivityLoop& loop, const std::function<bool()>& done,
+                     std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!done() && std::chrono::steady_clock::now() < deadline)
+    loop.runOnce(std::chrono::milliseconds(10));
+  return done();
+}
+
+// Runs `agent` in a child process (which exits with what it returns); the parent gets its
+// pid.
+inline pid_t forkAgent(const std::function<int()>& agent) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(agent());
+  return pid;
+}
+
+// The child's exit status, or -1 when it did not exit normally within `limit`.
+inline int exitOf(pid_t pid, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  int status = 0;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace Skorra::test
