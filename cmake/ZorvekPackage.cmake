@@ -1,11 +1,12 @@
-# What another project consumes: `cmake --install` puts the public headers, the three shared
+# What another project consumes: `cmake --install` puts the public headers, the shared
 # libraries (versioned, with a SONAME) and the programs under one prefix, with a CMake package
-# (find_package(Zorvek) gives Zorvek::platform, Zorvek::dal and Zorvek::sim) and pkg-config
-# files (zorvek-platform, zorvek-dal, zorvek-sim); CPack makes a Debian package of the same.
+# (find_package(Zorvek) gives Zorvek::platform, Zorvek::dal, Zorvek::sim and
+# Zorvek::skorraredis, the state database on Redis) and pkg-config files (zorvek-platform,
+# zorvek-dal, zorvek-sim); CPack makes a Debian package of the same.
 # Every installed file finds the others relative to itself, so the prefix can be moved.
 include(CMakePackageConfigHelpers)
 
-set(ZORVEK_LIBRARIES zorvekplatform zorvekdal zorveksim)
+set(ZORVEK_LIBRARIES zorvekplatform zorvekdal zorveksim zorvekskorraredis)
 set(ZORVEK_PROGRAMS zorvek-sim zorvek-serializer)
 
 # The libraries find one another in their own directory, the programs in ../lib beside

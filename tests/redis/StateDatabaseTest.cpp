@@ -10,7 +10,7 @@
 #include "Zorvek/QueueRequester.h"
 #include "Zorvek/RequesterDalRemote.h"
 #include "Zorvek/SerializerStatus.h"
-#include "redis/RedisServer.h"
+#include "redis/AgentHarness.h"
 #include "sim/SimDalHelper.h"
 #include "sim/TestGeometry.h"
 
@@ -61,23 +61,6 @@ bool awaitStep(int fd) {
   char c;
   return read(fd, &c, 1) == 1;
 }
-
-// One agent process: its activity loop and its mounts of directories of the shared database.
-struct Agent {
-  Agent(const std::string& url, std::initializer_list<std::pair<const char*, const char*>> mounts,
-        RedisRetry retry = {})
-      : db(redisDatabase(url, loop, retry)) {
-    for (const auto& [path, mode] : mounts) group->doMount(Mount(path, "Kel::Dir", mode));
-    group->completeMounts();
-  }
-  template <class T>
-  Kel::Ptr<T> at(const char* path) const {
-    return Kel::dynamicPtrCast<T>(group->entityManager()->getEntity(path));
-  }
-  Kel::ActivityLoop loop;
-  Kel::Ptr<Database> db;
-  Kel::Ptr<MountGroup> group = Kel::allocate<MountGroup>(db);
-};
 
 // The test talks to the agent it forks through a pipe: each byte it sends lets the agent
 // take its next step.

@@ -1,5 +1,7 @@
-// A private redis-server for a test: no persistence, no TCP port, a unix socket in a
-// temporary directory; stopped (and its directory removed) when the object goes.
+// What tests and benchmarks of agents as processes share: a private redis-server (no
+// persistence, no TCP port, a unix socket in a temporary directory; stopped and its directory
+// removed when the object goes), an agent (its loop, its database on that server, its
+// mounts), and forked agent processes.
 #pragma once
 
 #include <signal.h>
@@ -15,6 +17,8 @@
 #include <thread>
 
 #include "Kel/ActivityLoop.h"
+#include "Skorra/MountGroup.h"
+#include "SkorraRedis/RedisBackend.h"
 #include "SkorraRedis/RedisConnection.h"
 
 namespace Skorra::test {
@@ -64,6 +68,23 @@ class RedisServer {
  private:
   std::string dir_;
   pid_t pid_ = -1;
+};
+
+// One agent process: its activity loop and its mounts of directories of the shared database.
+struct Agent {
+  Agent(const std::string& url, std::initializer_list<std::pair<const char*, const char*>> mounts,
+        RedisRetry retry = {})
+      : db(redisDatabase(url, loop, retry)) {
+    for (const auto& [path, mode] : mounts) group->doMount(Mount(path, "Kel::Dir", mode));
+    group->completeMounts();
+  }
+  template <class T>
+  Kel::Ptr<T> at(const char* path) const {
+    return Kel::dynamicPtrCast<T>(group->entityManager()->getEntity(path));
+  }
+  Kel::ActivityLoop loop;
+  Kel::Ptr<Database> db;
+  Kel::Ptr<MountGroup> group = Kel::allocate<MountGroup>(db);
 };
 
 // Turns `loop` until `done()` holds, for at most `limit`; returns done().
