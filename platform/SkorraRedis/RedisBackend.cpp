@@ -175,7 +175,10 @@ RedisBackend::RedisBackend(std::string_view url, Kel::ActivityLoop& loop, RedisR
 
 RedisBackend::~RedisBackend() {
   loop_.descriptorDel(subscriber_->fd());
-  while (!nodes_.empty()) untrack(nodes_.begin()->first);
+  while (!nodes_.empty()) {
+    const std::string root = nodes_.begin()->first;  // a copy: untrack erases the key
+    untrack(root);
+  }
 }
 
 std::string RedisBackend::serverRunId() {

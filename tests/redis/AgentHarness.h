@@ -4,7 +4,9 @@
 // mounts), and forked agent processes.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,6 +43,10 @@ class RedisServer {
   void start() {
     pid_ = fork();
     if (pid_ == 0) {
+      // The server goes with the test, however the test ends, and holds none of its output.
+      prctl(PR_SET_PDEATHSIG, SIGTERM);
+      const int null = open("/dev/null", O_RDWR);
+      for (int fd : {0, 1, 2}) dup2(null, fd);
       const std::string sock = socket(), log = dir_ + "/redis.log";
       execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", sock.c_str(), "--save",
              "", "--appendonly", "no", "--dir", dir_.c_str(), "--logfile", log.c_str(),

@@ -6,6 +6,7 @@
 #include "Commands.h"
 #include "DumpFormat.h"
 #include "ExitCode.h"
+#include "Kel/ActivityLoop.h"
 #include "Kel/Trace.h"
 #include "Kwisp/Kwisp.h"
 #include "Report.h"
@@ -43,19 +44,7 @@ std::vector<std::string> lastRecords(std::size_t n) {
   return records;
 }
 
-}  // namespace
-
-int runCommand(RunOptions options, std::ostream& out) {
-  const sim::Topology topology = loadTopology(options);
-  checkTraceFile(options.traceFile);
-  const bool ring = options.trace || !options.traceFile.empty();
-  if (ring) {
-    Kel::ringLevelsIs("*/0-9");
-    Kwisp::clear();
-  }
-  options.workload.source =
-      options.topologyPath.empty() ? "embedded default" : options.topologyPath;
-
+int runOnLoop(const RunOptions& options, const sim::Topology& topology, std::ostream& out) {
   sim::SimSwitch sw(topology);
   const Kel::Ptr<Zorvek::DemuxDal> dal = sw.buildDal();
   Workload workload(sw, dal, options.workload);
@@ -77,6 +66,31 @@ int runCommand(RunOptions options, std::ostream& out) {
   else
     printText(report, out);
   return report.ok() ? kSuccess : kCheckFailed;
+}
+
+}  // namespace
+
+int runCommand(RunOptions options, std::ostream& out) {
+  const sim::Topology topology = loadTopology(options);
+  checkTraceFile(options.traceFile);
+  const bool ring = options.trace || !options.traceFile.empty();
+  if (ring) {
+    Kel::ringLevelsIs("*/0-9");
+    Kwisp::clear();
+  }
+  options.workload.source =
+      options.topologyPath.empty() ? "embedded default" : options.topologyPath;
+
+  // The agent's DAL code runs on its activity loop, as in every agent program: here the
+  // whole run is one task of it.
+  Kel::ActivityLoop loop;
+  int exitCode = kSuccess;
+  loop.post([&] {
+    exitCode = runOnLoop(options, topology, out);
+    loop.stop();
+  });
+  loop.run();
+  return exitCode;
 }
 
 }  // namespace simtool
