@@ -6,6 +6,8 @@
 
 #include <vector>
 
+#include "Corvane/CoprocessorStatus.h"
+#include "Orv/WatchList.h"
 #include "SkorraRedis/RedisBackend.h"
 #include "Zorvek/QueueRequester.h"
 #include "Zorvek/RequesterDalRemote.h"
@@ -156,6 +158,53 @@ TEST_F(TwoAgentsTest, AWriteThroughAReadOnlyMountIsRefusedAndChangesNothing) {
   EXPECT_TRUE(redis.command({"HGET", "skorra:e:s1/status", "n:serializerStatus"}).isNil() == false);
   kill(s1, SIGKILL);
   EXPECT_EQ(exitOf(s1), -1);
+}
+
+// The coprocessor status log and the debug watch list, published by another process before
+// this agent mounts them (as entities, not directories), follow their writer afterwards: the
+// coprocessors this agent sees attach and detach as the log grows.
+TEST_F(TwoAgentsTest, TheCoprocessorLogAndTheWatchListFollowTheirWriter) {
+  using Log = Corvane::CoprocessorStatusAttrLog;
+  const Zorvek::PhysicalResourceId route(Zorvek::ResourceType::tableResource_, 0x10);
+  const pid_t platform = fork([&](int fd) {
+    Agent writer(server.url(), {{"platform", "wi"}});
+    const auto log = Kel::allocate<Log>(Kel::Name("statusLog"));
+    log->setRecordIs("cop0", Corvane::Coprocessor(1, 1));
+    writer.db->entityIs("platform/coprocessor/statusLog", log);
+    const auto watchList = Kel::allocate<Orv::WatchList>(Kel::Name("watchlist"));
+    writer.db->entityIs("platform/debug/watchlist", watchList);
+    if (!awaitStep(fd)) return 2;
+    log->setRecordIs("cop1", Corvane::Coprocessor(2, 1));
+    log->delRecordIs("cop0");
+    watchList->watchIs(DeviceId(0), route);
+    return awaitStep(fd) ? 3 : 0;
+  });
+  RedisConnection redis(redisAddress(server.url()));
+  Kel::ActivityLoop idle;
+  ASSERT_TRUE(runUntil(idle, [&] {
+    return !redis.command({"HGET", "skorra:e:platform/debug/watchlist", "type"}).isNil();
+  }));
+  Agent agent(server.url(), {});
+  agent.group->doMount(
+      Mount("platform/coprocessor/statusLog", "Corvane::CoprocessorStatusAttrLog", "r"));
+  agent.group->doMount(Mount("platform/debug/watchlist", "Orv::WatchList", "r"));
+  agent.group->completeMounts();
+  const auto status = Kel::allocate<Corvane::CoprocessorStatus>(Kel::Name("status"));
+  const auto adapter =
+      Corvane::CoprocessorStatusAttrLogAdapterSm::CoprocessorStatusAttrLogAdapterSmIs(
+          agent.at<const Log>("platform/coprocessor/statusLog"), status);
+  const auto watchList = agent.at<const Orv::WatchList>("platform/debug/watchlist");
+  ASSERT_NE(watchList, nullptr);
+  EXPECT_EQ(status->coprocessor("cop0"), Corvane::Coprocessor(1, 1));
+  EXPECT_FALSE(watchList->watch(DeviceId(0), route));
+
+  step();
+  ASSERT_TRUE(runUntil(agent.loop, [&] { return watchList->watch(DeviceId(0), route); }));
+  EXPECT_EQ(status->coprocessor("cop1"), Corvane::Coprocessor(2, 1));
+  EXPECT_FALSE(status->coprocessor("cop0").valid());
+  EXPECT_EQ(adapter->recordsApplied(), 3u);
+  close(steps[1]);
+  EXPECT_EQ(exitOf(platform), 0);
 }
 
 // Keeps the restart counts a status notifies.
