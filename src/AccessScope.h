@@ -41,10 +41,19 @@ class AccessScope {
     if (a && a->offset_ == offset && a->optArg_ == optArg) return a->rid_;
     return dal.helper()->resourceId(offset, optArg);
   }
-  // dal.helper()->cacheable(devId, rid), asked at most once per access.
-  static bool cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid);
+  // dal.helper()->cacheable(devId, rid), asked at most once per access: a shadow read asks
+  // it before the shadow may serve, and the shadow hook asserts it again.
+  static bool cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid) {
+    const AccessScope* a = dal.access_;
+    if (a && a->cacheable_ >= 0 && a->cacheableDevId_ == devId && a->rid_ == rid)
+      return a->cacheable_ != 0;
+    return askCacheable(dal, devId, rid);
+  }
 
  private:
+  // The helper's answer, kept by the open access when it is about the access's resource.
+  static bool askCacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid);
+
   Dal& dal_;
   AccessScope* outer_;
   DeviceOffset offset_;

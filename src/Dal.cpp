@@ -99,14 +99,15 @@ void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
   countWriteMiss(detail::AccessScope::resourceId(*this, offset, optArg));
 }
 
-bool detail::AccessScope::cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid) {
+bool detail::AccessScope::askCacheable(const Dal& dal, DeviceId devId,
+                                       const PhysicalResourceId& rid) {
+  const bool answer = dal.helper()->cacheable(devId, rid);
   AccessScope* a = dal.access_;
-  if (!a || !(a->rid_ == rid)) return dal.helper()->cacheable(devId, rid);
-  if (a->cacheable_ < 0 || !(a->cacheableDevId_ == devId)) {
-    a->cacheable_ = dal.helper()->cacheable(devId, rid);
+  if (a && a->rid_ == rid) {
+    a->cacheable_ = answer;
     a->cacheableDevId_ = devId;
   }
-  return a->cacheable_ != 0;
+  return answer;
 }
 
 }  // namespace Zorvek

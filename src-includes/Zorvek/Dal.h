@@ -204,25 +204,25 @@ class KEL_EXPORT Dal : public Kel::Entity {
   // Counts an access in a total and under its resource: a table's counter, or a register's
   // where registers are counted (reads; writes count tables only). Inline: every access
   // counts once, and the access path counts with the resource it already holds.
-  static void countAccess(U64& total, DalCounterCollection<PhysicalTableId>& tables,
-                          DalCounterCollection<PhysicalRegisterId>* registers,
-                          const PhysicalResourceId& rid) {
+  [[gnu::always_inline]] static void countAccess(
+      U64& total, DalCounterCollection<PhysicalTableId>& tables,
+      DalCounterCollection<PhysicalRegisterId>* registers, const PhysicalResourceId& rid) {
     total += 1;
     if (rid.type() == ResourceType::tableResource_)
       tables.inc(PhysicalTableId(rid));
     else if (registers)
       registers->inc(PhysicalRegisterId(rid));
   }
-  void countReadHit(const PhysicalResourceId& rid) {
+  [[gnu::always_inline]] void countReadHit(const PhysicalResourceId& rid) {
     countAccess(cacheReadHits_, cacheReadTableHits_, &cacheReadRegHits_, rid);
   }
-  void countReadMiss(const PhysicalResourceId& rid) {
+  [[gnu::always_inline]] void countReadMiss(const PhysicalResourceId& rid) {
     countAccess(cacheReadMisses_, cacheReadTableMisses_, &cacheReadRegMisses_, rid);
   }
-  void countWriteHit(const PhysicalResourceId& rid) {
+  [[gnu::always_inline]] void countWriteHit(const PhysicalResourceId& rid) {
     countAccess(cacheWriteHits_, cacheWriteTableHits_, nullptr, rid);
   }
-  void countWriteMiss(const PhysicalResourceId& rid) {
+  [[gnu::always_inline]] void countWriteMiss(const PhysicalResourceId& rid) {
     countAccess(cacheWriteMisses_, cacheWriteTableMisses_, nullptr, rid);
   }
 
