@@ -8,8 +8,8 @@
 // resource the access resolved, or the helper's answer at each step that wants it (what
 // RequesterDal::readFromShadow and writeToShadow do, called on their own).
 //
-//   const detail::AccessScope access(dal, offset, optArg, rid);
-//   return detail::AccessPath::write(dal, rid, targetMask, offset, size, data, optArg);
+//   detail::AccessScope access(dal, offset, optArg, rid);
+//   return detail::AccessPath::write(dal, access, targetMask, offset, size, data, optArg);
 //
 // Its traces are those of the RequesterDal's handle. Used from the agent's activity thread
 // only.
@@ -29,10 +29,15 @@ namespace Zorvek::detail {
 // The trace handle of the RequesterDal ("ZorvekRequesterDal").
 Kel::TraceHandle& requesterDalTrace();
 
-// The resource of an access that has resolved it.
+// The resource of an access that has resolved it, and the access's answers about it.
 struct ResolvedResource {
-  const PhysicalResourceId& rid;
-  const PhysicalResourceId& operator()(const Dal&, DeviceOffset, void*) const { return rid; }
+  AccessScope& access;
+  const PhysicalResourceId& operator()(const Dal&, DeviceOffset, void*) const {
+    return access.resourceId();
+  }
+  bool cacheable(const Dal&, DeviceId devId, DeviceOffset, void*) const {
+    return access.cacheable(devId);
+  }
 };
 
 // The resource of a step outside a resolved access: the open access's answer, or the
@@ -40,6 +45,9 @@ struct ResolvedResource {
 struct AskedResource {
   PhysicalResourceId operator()(const Dal& dal, DeviceOffset offset, void* optArg) const {
     return AccessScope::resourceId(dal, offset, optArg);
+  }
+  bool cacheable(const Dal& dal, DeviceId devId, DeviceOffset offset, void* optArg) const {
+    return AccessScope::cacheable(dal, devId, (*this)(dal, offset, optArg));
   }
 };
 
@@ -59,7 +67,7 @@ class AccessPath {
         return -1;
       }
       if (!(options & Dal::kForceReadFromShadow) &&
-          !AccessScope::cacheable(dal, devId, resource(dal, offset, optArg))) {
+          !resource.cacheable(dal, devId, offset, optArg)) {
         dal.countReadMiss(resource(dal, offset, optArg));
         return -1;
       }
@@ -110,28 +118,29 @@ class AccessPath {
     return 0;
   }
 
-  // The single read of an access open on `dal` whose resource is `rid`.
-  [[gnu::always_inline]] static S32 read(RequesterDal& dal, const PhysicalResourceId& rid,
-                                         DeviceId devId, DeviceOffset offset, U16 size, void* data,
-                                         void* optArg) {
+  // The single read of the access open on `dal`.
+  [[gnu::always_inline]] static S32 read(RequesterDal& dal, AccessScope& access, DeviceId devId,
+                                         DeviceOffset offset, U16 size, void* data, void* optArg) {
+    const PhysicalResourceId& rid = access.resourceId();
     if (dal.verifyEnabled()) verifyRead(dal, rid, devId, offset, size, optArg);
     DUWISP_TRACE(requesterDalTrace(), 9, "RequesterDal::dalRead offset 0x%x size %s", offset, size);
-    if (readFromShadow(dal, ResolvedResource{rid}, devId, offset, size, data, optArg) == 0)
+    if (readFromShadow(dal, ResolvedResource{access}, devId, offset, size, data, optArg) == 0)
       return 0;
     KEL_ASSERT_TEXT(dal.hwAccessAllowed(), "hwAccessAllowed()");
     const S64 index = dal.requester()->read(devId, rid, offset, data, size);
     return index < 0 ? -1 : 0;
   }
 
-  // The single write of an access open on `dal` whose resource is `rid`.
-  [[gnu::always_inline]] static S32 write(RequesterDal& dal, const PhysicalResourceId& rid,
+  // The single write of the access open on `dal`.
+  [[gnu::always_inline]] static S32 write(RequesterDal& dal, AccessScope& access,
                                           const TargetMask& targetMask, DeviceOffset offset,
                                           U16 size, const void* data, void* optArg) {
+    const PhysicalResourceId& rid = access.resourceId();
     if (dal.verifyEnabled()) verifyWrite(dal, rid, targetMask, offset, size, optArg);
     DUWISP_TRACE(requesterDalTrace(), 9,
                  "RequesterDal::dalWrite resource type %s resource id 0x%x size %s offset 0x%x",
                  rid.type(), rid.id(), size, offset);
-    if (writeToShadow(dal, ResolvedResource{rid}, targetMask, offset, size, data, optArg) == 0) {
+    if (writeToShadow(dal, ResolvedResource{access}, targetMask, offset, size, data, optArg) == 0) {
       if (std::getenv("XP_COHABITING_TEST")) fakeProgress(dal);
       return 0;
     }

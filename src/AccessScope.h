@@ -9,7 +9,7 @@
 // Outside an access, or for another offset or optArg, the helper is asked.
 //
 //   const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
-//   detail::AccessPath::read(*this, access.resourceId(), devId, offset, size, data, optArg);
+//   detail::AccessPath::read(*this, access, devId, offset, size, data, optArg);
 //   detail::AccessScope::resourceId(*this, offset, optArg);    // a later step of the access
 //
 // A scope lives on the stack of the access; it allocates nothing. Used from the agent's
@@ -44,16 +44,20 @@ class AccessScope {
   // dal.helper()->cacheable(devId, rid), asked at most once per access: a shadow read asks
   // it before the shadow may serve, and the shadow hook asserts it again.
   static bool cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid) {
-    const AccessScope* a = dal.access_;
-    if (a && a->cacheable_ >= 0 && a->cacheableDevId_ == devId && a->rid_ == rid)
-      return a->cacheable_ != 0;
-    return askCacheable(dal, devId, rid);
+    AccessScope* a = dal.access_;
+    if (a && a->rid_ == rid) return a->cacheable(devId);
+    return dal.helper()->cacheable(devId, rid);
+  }
+  // Whether the resource of the access is cacheable on devId, asked of the helper once.
+  bool cacheable(DeviceId devId) {
+    if (cacheable_ < 0 || !(cacheableDevId_ == devId)) {
+      cacheable_ = dal_.helper()->cacheable(devId, rid_);
+      cacheableDevId_ = devId;
+    }
+    return cacheable_ != 0;
   }
 
  private:
-  // The helper's answer, kept by the open access when it is about the access's resource.
-  static bool askCacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid);
-
   Dal& dal_;
   AccessScope* outer_;
   DeviceOffset offset_;

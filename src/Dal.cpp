@@ -99,15 +99,4 @@ void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
   countWriteMiss(detail::AccessScope::resourceId(*this, offset, optArg));
 }
 
-bool detail::AccessScope::askCacheable(const Dal& dal, DeviceId devId,
-                                       const PhysicalResourceId& rid) {
-  const bool answer = dal.helper()->cacheable(devId, rid);
-  AccessScope* a = dal.access_;
-  if (a && a->rid_ == rid) {
-    a->cacheable_ = answer;
-    a->cacheableDevId_ = devId;
-  }
-  return answer;
-}
-
 }  // namespace Zorvek

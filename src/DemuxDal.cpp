@@ -179,8 +179,8 @@ S32 DemuxDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 si
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalWrite(targetMask, offset, size, data, optArg);
-  const detail::AccessScope access(*dal, offset, optArg, rid);
-  return detail::AccessPath::write(*dal, rid, targetMask, offset, size, data, optArg);
+  detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::AccessPath::write(*dal, access, targetMask, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
@@ -188,8 +188,8 @@ S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data,
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalRead(devId, offset, size, data, optArg);
-  const detail::AccessScope access(*dal, offset, optArg, rid);
-  return detail::AccessPath::read(*dal, rid, devId, offset, size, data, optArg);
+  detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::AccessPath::read(*dal, access, devId, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,

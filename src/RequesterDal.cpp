@@ -54,8 +54,8 @@ S32 RequesterDal::writeToShadow(const TargetMask& targetMask, DeviceOffset offse
 }
 
 S32 RequesterDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
-  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
-  return detail::AccessPath::read(*this, access.resourceId(), devId, offset, size, data, optArg);
+  detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::AccessPath::read(*this, access, devId, offset, size, data, optArg);
 }
 
 void detail::AccessPath::verifyRead(RequesterDal& dal, const PhysicalResourceId& rid,
@@ -75,9 +75,8 @@ void detail::AccessPath::verifyRead(RequesterDal& dal, const PhysicalResourceId&
 
 S32 RequesterDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                            const void* data, void* optArg) {
-  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
-  return detail::AccessPath::write(*this, access.resourceId(), targetMask, offset, size, data,
-                                   optArg);
+  detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::AccessPath::write(*this, access, targetMask, offset, size, data, optArg);
 }
 
 void detail::AccessPath::verifyWrite(RequesterDal& dal, const PhysicalResourceId& rid,
