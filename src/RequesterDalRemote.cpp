@@ -139,13 +139,13 @@ CacheTable& RequesterDalRemote::initLocalCacheFor(const CacheTableIndex& tableIn
 
 void RequesterDalRemote::maybeAllocateLocalShadowEntry(const CacheTableIndex& tableIndex,
                                                        DeviceOffset offset, U32 size) {
-  localShadowEntry(localCacheOrInit(tableIndex.devId(), tableIndex.prid()), tableIndex, offset,
-                   size);
+  localShadowEntry(localCacheOrInit(tableIndex.devId(), tableIndex.prid()), offset, size);
 }
 
-U32 RequesterDalRemote::allocateLocalShadowEntry(CacheTable& lCache,
-                                                 const CacheTableIndex& tableIndex,
-                                                 DeviceOffset offset, U32 size) {
+// A local cache is keyed by its own index, which the trace names.
+U32 RequesterDalRemote::allocateLocalShadowEntry(CacheTable& lCache, DeviceOffset offset,
+                                                 U32 size) {
+  const CacheTableIndex& tableIndex = lCache.tableIndex();
   DUWISP_TRACE(th(), 5,
                "maybeAllocateLocalShadowEntry %s tableIndex resource type %s id 0x%x offset 0x%x "
                "size %s",
@@ -173,7 +173,7 @@ S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U1
   if (!localShadowForRemoteResourcesEnabled()) return -1;
   CacheTable* table = findLocalCache(devId, resourceId);
   if (!table) return -1;
-  const U32 entry = localShadowEntry(*table, CacheTableIndex(devId, resourceId), offset, size);
+  const U32 entry = localShadowEntry(*table, offset, size);
   table->readEntryDataAt(entry, static_cast<unsigned char*>(data), size);
   return 0;
 }
@@ -184,7 +184,7 @@ S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16
                                         const void* data, void* optArg) {
   const PhysicalResourceId resourceId = detail::AccessScope::resourceId(*this, offset, optArg);
   CacheTable& table = localCacheOrInit(devId, resourceId);
-  const U32 entry = localShadowEntry(table, CacheTableIndex(devId, resourceId), offset, size);
+  const U32 entry = localShadowEntry(table, offset, size);
   // The size is deliberately not passed on: the table always takes a whole entry.
   table.writeEntryDataAt(entry, static_cast<const unsigned char*>(data), hwAccessAllowed());
   return 0;

@@ -114,18 +114,14 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
     return initLocalCacheFor(CacheTableIndex(devId, rid));
   }
   CacheTable& initLocalCacheFor(const CacheTableIndex& tableIndex);
-  // The index of the entry at `offset` in the table found for the index, put in use (with
-  // the table's initial data) when it is not. Every access but the first to an entry finds
-  // it in use, which is answered here without a call.
-  U32 localShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex, DeviceOffset offset,
-                       U32 size) {
+  // The index of the entry at `offset` in a local cache, put in use (with the table's initial
+  // data) when it is not. Every access but the first to an entry finds it in use, which is
+  // answered here without a call.
+  U32 localShadowEntry(CacheTable& lCache, DeviceOffset offset, U32 size) {
     const U32 index = lCache.entryIndex(offset);
-    return index != CacheTable::kNoEntry
-               ? index
-               : allocateLocalShadowEntry(lCache, tableIndex, offset, size);
+    return index != CacheTable::kNoEntry ? index : allocateLocalShadowEntry(lCache, offset, size);
   }
-  U32 allocateLocalShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex,
-                               DeviceOffset offset, U32 size);
+  U32 allocateLocalShadowEntry(CacheTable& lCache, DeviceOffset offset, U32 size);
   void pushTable(const CacheTable& table, void* optArg);
 
   Kel::Ptr<ResourceIdToDataMaskMap> resourceIdToDataMaskMap_;
