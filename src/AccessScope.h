@@ -9,7 +9,7 @@
 // Outside an access, or for another offset or optArg, the helper is asked.
 //
 //   const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
-//   detail::resolvedRead(*this, access.resourceId(), devId, offset, size, data, optArg);
+//   detail::AccessPath::read(*this, access, devId, offset, size, data, optArg);
 //   detail::AccessScope::resourceId(*this, offset, optArg);    // a later step of the access
 //
 // A scope lives on the stack of the access; it allocates nothing. Used from the agent's
@@ -41,8 +41,21 @@ class AccessScope {
     if (a && a->offset_ == offset && a->optArg_ == optArg) return a->rid_;
     return dal.helper()->resourceId(offset, optArg);
   }
-  // dal.helper()->cacheable(devId, rid), asked at most once per access.
-  static bool cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid);
+  // dal.helper()->cacheable(devId, rid), asked at most once per access: a shadow read asks
+  // it before the shadow may serve, and the shadow hook asserts it again.
+  static bool cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid) {
+    AccessScope* a = dal.access_;
+    if (a && a->rid_ == rid) return a->cacheable(devId);
+    return dal.helper()->cacheable(devId, rid);
+  }
+  // Whether the resource of the access is cacheable on devId, asked of the helper once.
+  bool cacheable(DeviceId devId) {
+    if (cacheable_ < 0 || !(cacheableDevId_ == devId)) {
+      cacheable_ = dal_.helper()->cacheable(devId, rid_);
+      cacheableDevId_ = devId;
+    }
+    return cacheable_ != 0;
+  }
 
  private:
   Dal& dal_;
@@ -54,13 +67,9 @@ class AccessScope {
   int cacheable_ = -1;  // -1: not asked yet
 };
 
-// The single and bulk accesses of a RequesterDal past its entry points, for an access open
-// on `dal` whose resource is `rid`: what the entry points run, and what a DemuxDal runs on
-// the DAL it routes to. The bulk operation asserts "targetMask.targets() == 1".
-S32 resolvedRead(RequesterDal& dal, const PhysicalResourceId& rid, DeviceId devId,
-                 DeviceOffset offset, U16 size, void* data, void* optArg);
-S32 resolvedWrite(RequesterDal& dal, const PhysicalResourceId& rid, const TargetMask& targetMask,
-                  DeviceOffset offset, U16 size, const void* data, void* optArg);
+// The bulk access of a RequesterDal past its entry points, for an access open on `dal` whose
+// resource is `rid`: what its entry points run, and what a DemuxDal runs on the DAL it routes
+// to (the single accesses are AccessPath's). Asserts "targetMask.targets() == 1".
 S32 resolvedBulkOperation(RequesterDal& dal, const PhysicalResourceId& rid,
                           const TargetMask& targetMask, DeviceOffset offset, void* data, U32 size,
                           void* optArg, Command cmd);

@@ -52,13 +52,13 @@ void Dal::handleCoprocessorChecker() { KEL_ASSERT(0 && "Must be implemented by d
 void Dal::showDalState(U32 fd) {
   const int f = static_cast<int>(fd);
   dprintf(f, "'name':'%s',", name_.c_str());
-  dprintf(f, "'hwAccessAllowed':%s,", pyBool(hwAccessAllowed_));
-  dprintf(f, "'forceReadFromShadow':%s,", pyBool(forceReadFromShadow_));
-  dprintf(f, "'okToReadFromShadow':%s,", pyBool(okToReadFromShadow_));
-  dprintf(f, "'okToWriteToShadow':%s,", pyBool(okToWriteToShadow_));
-  dprintf(f, "'skipHwWriteIfShadowHit':%s,", pyBool(skipHwWriteIfShadowHit_));
-  dprintf(f, "'verifyEnabled':%s,", pyBool(verifyEnabled_));
-  dprintf(f, "'blocking':%s,", pyBool(blocking_));
+  dprintf(f, "'hwAccessAllowed':%s,", pyBool(hwAccessAllowed()));
+  dprintf(f, "'forceReadFromShadow':%s,", pyBool(forceReadFromShadow()));
+  dprintf(f, "'okToReadFromShadow':%s,", pyBool(okToReadFromShadow()));
+  dprintf(f, "'okToWriteToShadow':%s,", pyBool(okToWriteToShadow()));
+  dprintf(f, "'skipHwWriteIfShadowHit':%s,", pyBool(skipHwWriteIfShadowHit()));
+  dprintf(f, "'verifyEnabled':%s,", pyBool(verifyEnabled()));
+  dprintf(f, "'blocking':%s,", pyBool(blocking()));
   dprintf(f, "'cacheReadHits':%llu, ", static_cast<unsigned long long>(cacheReadHits_));
   dprintf(f, "'cacheReadMisses':%llu, ", static_cast<unsigned long long>(cacheReadMisses_));
   dprintf(f, "'cacheWriteHits':%llu, ", static_cast<unsigned long long>(cacheWriteHits_));
@@ -68,11 +68,11 @@ void Dal::showDalState(U32 fd) {
 void Dal::readyIs(bool v) { notifiees_.store(ready_, v, &NotifieeConst::onReady); }
 
 void Dal::reclaimWhenProgrammedIs(bool v) {
-  notifiees_.store(reclaimWhenProgrammed_, v, &NotifieeConst::onReclaimWhenProgrammed);
+  notifyingOptionIs(kReclaimWhenProgrammed, v, &NotifieeConst::onReclaimWhenProgrammed);
 }
 
 void Dal::hwAccessAllowedIs(bool v) {
-  notifiees_.store(hwAccessAllowed_, v, &NotifieeConst::onHwAccessAllowed);
+  notifyingOptionIs(kHwAccessAllowed, v, &NotifieeConst::onHwAccessAllowed);
 }
 
 void Dal::helperIs(const Kel::Ptr<DalHelper>& h) { helper_ = h; }
@@ -83,52 +83,20 @@ void Dal::coprocessorCheckerIs(const Kel::Ptr<CoprocessorChecker>& c) {
   handleCoprocessorChecker();
 }
 
-namespace {
-
-// Counts an access in a total and under its resource: a table's counter, or a register's
-// where registers are counted (reads; writes count tables only). Inlined into each of the
-// four counting hooks, which run on every access.
-[[gnu::always_inline]] inline void countAccess(U64& total,
-                                               DalCounterCollection<PhysicalTableId>& tables,
-                                               DalCounterCollection<PhysicalRegisterId>* registers,
-                                               const PhysicalResourceId& rid) {
-  total += 1;
-  if (rid.type() == ResourceType::tableResource_)
-    tables.inc(PhysicalTableId(rid));
-  else if (registers)
-    registers->inc(PhysicalRegisterId(rid));
-}
-
-}  // namespace
-
 void Dal::doUpdateCacheHitOnRead(DeviceOffset offset, void* optArg) {
-  countAccess(cacheReadHits_, cacheReadTableHits_, &cacheReadRegHits_,
-              detail::AccessScope::resourceId(*this, offset, optArg));
+  countReadHit(detail::AccessScope::resourceId(*this, offset, optArg));
 }
 
 void Dal::doUpdateCacheMissOnRead(DeviceOffset offset, void* optArg) {
-  countAccess(cacheReadMisses_, cacheReadTableMisses_, &cacheReadRegMisses_,
-              detail::AccessScope::resourceId(*this, offset, optArg));
+  countReadMiss(detail::AccessScope::resourceId(*this, offset, optArg));
 }
 
 void Dal::doUpdateCacheHitOnWrite(DeviceOffset offset, void* optArg) {
-  countAccess(cacheWriteHits_, cacheWriteTableHits_, nullptr,
-              detail::AccessScope::resourceId(*this, offset, optArg));
+  countWriteHit(detail::AccessScope::resourceId(*this, offset, optArg));
 }
 
 void Dal::doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg) {
-  countAccess(cacheWriteMisses_, cacheWriteTableMisses_, nullptr,
-              detail::AccessScope::resourceId(*this, offset, optArg));
-}
-
-bool detail::AccessScope::cacheable(const Dal& dal, DeviceId devId, const PhysicalResourceId& rid) {
-  AccessScope* a = dal.access_;
-  if (!a || !(a->rid_ == rid)) return dal.helper()->cacheable(devId, rid);
-  if (a->cacheable_ < 0 || !(a->cacheableDevId_ == devId)) {
-    a->cacheable_ = dal.helper()->cacheable(devId, rid);
-    a->cacheableDevId_ = devId;
-  }
-  return a->cacheable_ != 0;
+  countWriteMiss(detail::AccessScope::resourceId(*this, offset, optArg));
 }
 
 }  // namespace Zorvek

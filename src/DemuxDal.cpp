@@ -5,7 +5,7 @@
 #include <ostream>
 #include <vector>
 
-#include "AccessScope.h"
+#include "AccessPath.h"
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
 #include "Kel/Parse.h"
@@ -127,14 +127,12 @@ void DemuxDal::handleInitialized() {
   demuxDalReadySm_ = DemuxDalReadySm::DemuxDalReadySmIs(defaultDal_, resourceIdToDalMap_, this);
 }
 
-Kel::Ptr<RequesterDal> DemuxDal::dalSelector(DeviceOffset offset, void* optArg) {
-  return selectDal(helper()->resourceId(offset, optArg), optArg);
-}
-
 // Routes and owners are keyed by the normalized id; the traces name the resource the access
 // touched, as the agent knows it. The DAL is returned without a reference of its own: the map
 // or this DemuxDal holds one, and the caller takes its own before anything can change them.
-RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid, void* optArg) {
+// Inline in each access, which it starts.
+[[gnu::always_inline]] inline RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid,
+                                                                void* optArg) {
   const PhysicalResourceId normalized = helper()->normalizedResourceId(rid);
   if (!optArg || forceUseDefaultDal_) {
     DUWISP_TRACE(th(), 8, "Resource type %s id 0x%x forceDefaultDal %s", rid.type(), rid.id(),
@@ -167,6 +165,10 @@ RequesterDal* DemuxDal::selectDal(const PhysicalResourceId& rid, void* optArg) {
   return defaultDal_.ptr();
 }
 
+Kel::Ptr<RequesterDal> DemuxDal::dalSelector(DeviceOffset offset, void* optArg) {
+  return selectDal(helper()->resourceId(offset, optArg), optArg);
+}
+
 // The accesses call the RequesterDal implementation directly, not through the virtual
 // table, and hand back its result unchanged. The resource this DemuxDal's helper gave for
 // the routing goes with the access when the DAL routed to has the same helper, so that the
@@ -177,8 +179,8 @@ S32 DemuxDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 si
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalWrite(targetMask, offset, size, data, optArg);
-  const detail::AccessScope access(*dal, offset, optArg, rid);
-  return detail::resolvedWrite(*dal, rid, targetMask, offset, size, data, optArg);
+  detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::AccessPath::write(*dal, access, targetMask, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
@@ -186,8 +188,8 @@ S32 DemuxDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data,
   const Kel::Ptr<RequesterDal> dal(selectDal(rid, optArg));
   if (dal->helper() != helper())
     return dal->RequesterDal::dalRead(devId, offset, size, data, optArg);
-  const detail::AccessScope access(*dal, offset, optArg, rid);
-  return detail::resolvedRead(*dal, rid, devId, offset, size, data, optArg);
+  detail::AccessScope access(*dal, offset, optArg, rid);
+  return detail::AccessPath::read(*dal, access, devId, offset, size, data, optArg);
 }
 
 S32 DemuxDal::dalBulkWrite(const TargetMask& targetMask, DeviceOffset offset, U32 size,

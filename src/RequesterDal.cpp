@@ -6,7 +6,7 @@
 #include <memory>
 #include <sstream>
 
-#include "AccessScope.h"
+#include "AccessPath.h"
 #include "Duwisp/Duwisp.h"
 #include "Kel/Assert.h"
 
@@ -22,10 +22,9 @@ Kel::TraceHandle queueTrace("ZorvekQueue");
 
 KEL_FILE_TRACE_HANDLE("ZorvekRequesterDal")
 
-// Shadow comparisons of writes up to this size use a stack buffer; larger ones the heap.
-constexpr std::size_t kStackScratchBytes = 512;
-
 }  // namespace
+
+Kel::TraceHandle& detail::requesterDalTrace() { return th(); }
 
 // ---------------------------------------------------------------------------------------
 // Access path
@@ -44,138 +43,56 @@ void RequesterDal::dalReadySmIs(const Kel::Ptr<DalReadySm>& sm) {
 
 S32 RequesterDal::readFromShadow(DeviceId devId, DeviceOffset offset, U16 size, void* data,
                                  void* optArg) {
-  if (hwAccessAllowed()) {
-    if (!okToReadFromShadow()) {
-      doUpdateCacheMissOnRead(offset, optArg);
-      DUWISP_TRACE(th(), 8, "readFromShadow %s local shadow access is disabled", name());
-      return -1;
-    }
-    const PhysicalResourceId rid = detail::AccessScope::resourceId(*this, offset, optArg);
-    if (!forceReadFromShadow() && !detail::AccessScope::cacheable(*this, devId, rid)) {
-      doUpdateCacheMissOnRead(offset, optArg);
-      return -1;
-    }
-  }
-  const S32 rc = doReadFromShadow(devId, offset, size, data, optArg);
-  if (rc == 0)
-    doUpdateCacheHitOnRead(offset, optArg);
-  else
-    doUpdateCacheMissOnRead(offset, optArg);
-  if (hwAccessAllowed() && !forceReadFromShadow()) return rc;
-  // With the hardware out of reach or the shadow forced, a read never goes further: whatever
-  // the shadow produced is the answer, even when it did not serve the read. Deliberate.
-  DUWISP_TRACE(th(), 9,
-               "readFromShadow %s hardware access not allowed or forced to read from shadow,",
-               name());
-  return 0;
+  return detail::AccessPath::readFromShadow(*this, detail::AskedResource{}, devId, offset, size,
+                                            data, optArg);
 }
 
 S32 RequesterDal::writeToShadow(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                                 const void* data, void* optArg) {
-  KEL_ASSERT(targetMask.targets() == 1);
-  const DeviceId devId = targetMask.firstDevice();
-  KEL_ASSERT(devId.value() == 0);
-  if (hwAccessAllowed() && !okToWriteToShadow()) {
-    doUpdateCacheMissOnWrite(offset, optArg);
-    return -1;
-  }
-  if (skipHwWriteIfShadowHit()) {
-    unsigned char stackBuffer[kStackScratchBytes];
-    std::unique_ptr<unsigned char[]> heapBuffer;
-    unsigned char* buffer = stackBuffer;
-    if (size > kStackScratchBytes) {
-      heapBuffer = std::make_unique_for_overwrite<unsigned char[]>(size);
-      buffer = heapBuffer.get();
-    }
-    // A shadow may produce fewer bytes than asked (a local cache holds one entry of a bulk
-    // write): bytes it leaves alone start as the complement of the data, so that only a
-    // shadow that holds every byte written counts as a hit and skips the hardware.
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    for (U32 i = 0; i < size; ++i) buffer[i] = static_cast<unsigned char>(~bytes[i]);
-    if (readFromShadow(devId, offset, size, buffer, optArg) >= 0 &&
-        std::memcmp(buffer, data, size) == 0) {
-      doUpdateCacheHitOnWrite(offset, optArg);
-      return 0;
-    }
-  }
-  const S32 retVal = doWriteToShadow(devId, offset, size, data, optArg);
-  KEL_ASSERT(retVal == 0);
-  if (hwAccessAllowed()) {
-    doUpdateCacheMissOnWrite(offset, optArg);
-    return -1;
-  }
-  DUWISP_TRACE(th(), 9, "writeToShadow %s hardware access not allowed, skip writing to hardware ",
-               name());
-  return 0;
+  return detail::AccessPath::writeToShadow(*this, detail::AskedResource{}, targetMask, offset, size,
+                                           data, optArg);
 }
 
 S32 RequesterDal::dalRead(DeviceId devId, DeviceOffset offset, U16 size, void* data, void* optArg) {
-  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
-  return detail::resolvedRead(*this, access.resourceId(), devId, offset, size, data, optArg);
+  detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::AccessPath::read(*this, access, devId, offset, size, data, optArg);
 }
 
-S32 detail::resolvedRead(RequesterDal& dal, const PhysicalResourceId& rid, DeviceId devId,
-                         DeviceOffset offset, U16 size, void* data, void* optArg) {
-  if (dal.verifyEnabled()) {
-    dal.helper()->verifyOptArgMapping(devId, rid, offset, optArg);
-    const U32 entrySizeBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
-    if (size != entrySizeBytes) {
-      std::ostringstream os;
-      os << "Failed("
-         << "( size == entrySizeBytes )"
-         << ") "
-         << " resource " << rid << " size " << size << " entrySizeBytes " << entrySizeBytes << "\n";
-      std::fputs(os.str().c_str(), stderr);
-      KEL_ASSERT_TEXT(false, "!\"( size == entrySizeBytes )\"");
-    }
+void detail::AccessPath::verifyRead(RequesterDal& dal, const PhysicalResourceId& rid,
+                                    DeviceId devId, DeviceOffset offset, U16 size, void* optArg) {
+  dal.helper()->verifyOptArgMapping(devId, rid, offset, optArg);
+  const U32 entrySizeBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
+  if (size != entrySizeBytes) {
+    std::ostringstream os;
+    os << "Failed("
+       << "( size == entrySizeBytes )"
+       << ") "
+       << " resource " << rid << " size " << size << " entrySizeBytes " << entrySizeBytes << "\n";
+    std::fputs(os.str().c_str(), stderr);
+    KEL_ASSERT_TEXT(false, "!\"( size == entrySizeBytes )\"");
   }
-  DUWISP_TRACE(th(), 9, "RequesterDal::dalRead offset 0x%x size %s", offset, size);
-  if (dal.readFromShadow(devId, offset, size, data, optArg) == 0) return 0;
-  KEL_ASSERT_TEXT(dal.hwAccessAllowed(), "hwAccessAllowed()");
-  const S64 index = dal.requester()->read(devId, rid, offset, data, size);
-  return index < 0 ? -1 : 0;
 }
 
 S32 RequesterDal::dalWrite(const TargetMask& targetMask, DeviceOffset offset, U16 size,
                            const void* data, void* optArg) {
-  const detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
-  return detail::resolvedWrite(*this, access.resourceId(), targetMask, offset, size, data, optArg);
+  detail::AccessScope access(*this, offset, optArg, helper()->resourceId(offset, optArg));
+  return detail::AccessPath::write(*this, access, targetMask, offset, size, data, optArg);
 }
 
-S32 detail::resolvedWrite(RequesterDal& dal, const PhysicalResourceId& rid,
-                          const TargetMask& targetMask, DeviceOffset offset, U16 size,
-                          const void* data, void* optArg) {
-  if (dal.verifyEnabled()) {
-    const DeviceId devId = targetMask.firstDevice();
-    dal.helper()->verifyOptArgMapping(devId, rid, offset, optArg);
-    const U32 entrySizeBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
-    KEL_ASSERT(size == entrySizeBytes);
-  }
-  DUWISP_TRACE(th(), 9,
-               "RequesterDal::dalWrite resource type %s resource id 0x%x size %s offset 0x%x",
-               rid.type(), rid.id(), size, offset);
-  if (dal.writeToShadow(targetMask, offset, size, data, optArg) == 0) {
-    // Nothing goes to the hardware; in a cohabiting test a waiter that counts commands must
-    // still see progress, so the last enqueued index moves on by one.
-    if (std::getenv("XP_COHABITING_TEST")) {
-      DalProcessingStatus& status = *dal.requester()->processingStatus();
-      status.lastEnqueuedCmdIndexIs(status.lastEnqueuedCmdIndex() + 1);
-      DUWISP_TRACE(th(), 9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex %s",
-                   status.lastEnqueuedCmdIndex());
-    }
-    return 0;
-  }
-  KEL_ASSERT_TEXT(dal.hwAccessAllowed(), "hwAccessAllowed()");
-  const std::unique_ptr<U8[]> mask(dal.dataMaskSelector(offset, optArg, size));
-  // The requester copies the data and never writes through the pointer.
-  void* payload = const_cast<void*>(data);
-  const S64 cmdIndex =
-      dal.blocking() ? dal.requester()->blockingWrite(targetMask, rid, offset, payload, mask.get(),
-                                                      size, dal.reclaimWhenProgrammed())
-                     : dal.requester()->write(targetMask, rid, offset, payload, mask.get(), size,
-                                              dal.reclaimWhenProgrammed());
-  KEL_ASSERT(cmdIndex >= 0);
-  return 0;
+void detail::AccessPath::verifyWrite(RequesterDal& dal, const PhysicalResourceId& rid,
+                                     const TargetMask& targetMask, DeviceOffset offset, U16 size,
+                                     void* optArg) {
+  const DeviceId devId = targetMask.firstDevice();
+  dal.helper()->verifyOptArgMapping(devId, rid, offset, optArg);
+  const U32 entrySizeBytes = dal.helper()->memoryEntrySizeBytes(devId, rid);
+  KEL_ASSERT(size == entrySizeBytes);
+}
+
+void detail::AccessPath::fakeProgress(RequesterDal& dal) {
+  DalProcessingStatus& status = *dal.requester()->processingStatus();
+  status.lastEnqueuedCmdIndexIs(status.lastEnqueuedCmdIndex() + 1);
+  DUWISP_TRACE(th(), 9, "RequesterDal::dalWrite faked lastEnqueuedCmdIndex %s",
+               status.lastEnqueuedCmdIndex());
 }
 
 void RequesterDal::waitForCompletion(DeviceId devId) {

@@ -122,8 +122,7 @@ Kel::Ptr<CacheTable> RequesterDalRemote::initOneLocalCache(const CacheTableIndex
 // ---------------------------------------------------------------------------------------
 // Shadow access
 
-CacheTable* RequesterDalRemote::findLocalCache(const CacheTableIndex& tableIndex) {
-  if (lastTable_ && lastIndex_ == tableIndex) return lastTable_;
+CacheTable* RequesterDalRemote::findAndRememberLocalCache(const CacheTableIndex& tableIndex) {
   const auto it = localCache_.find(tableIndex);
   if (it == localCache_.end() || !it->second) return nullptr;
   lastIndex_ = tableIndex;
@@ -131,29 +130,28 @@ CacheTable* RequesterDalRemote::findLocalCache(const CacheTableIndex& tableIndex
   return lastTable_;
 }
 
-CacheTable& RequesterDalRemote::localCacheOrInit(const CacheTableIndex& tableIndex) {
-  CacheTable* lCache = findLocalCache(tableIndex);
-  if (!lCache) {
-    initOneLocalCache(tableIndex, coldStart_);
-    lCache = findLocalCache(tableIndex);
-  }
+CacheTable& RequesterDalRemote::initLocalCacheFor(const CacheTableIndex& tableIndex) {
+  initOneLocalCache(tableIndex, coldStart_);
+  CacheTable* lCache = findLocalCache(tableIndex.devId(), tableIndex.prid());
   KEL_ASSERT(lCache);
   return *lCache;
 }
 
 void RequesterDalRemote::maybeAllocateLocalShadowEntry(const CacheTableIndex& tableIndex,
                                                        DeviceOffset offset, U32 size) {
-  maybeAllocateLocalShadowEntry(localCacheOrInit(tableIndex), tableIndex, offset, size);
+  localShadowEntry(localCacheOrInit(tableIndex.devId(), tableIndex.prid()), offset, size);
 }
 
-void RequesterDalRemote::allocateLocalShadowEntry(CacheTable& lCache,
-                                                  const CacheTableIndex& tableIndex,
-                                                  DeviceOffset offset, U32 size) {
+// A local cache is keyed by its own index, which the trace names.
+U32 RequesterDalRemote::allocateLocalShadowEntry(CacheTable& lCache, DeviceOffset offset,
+                                                 U32 size) {
+  const CacheTableIndex& tableIndex = lCache.tableIndex();
   DUWISP_TRACE(th(), 5,
                "maybeAllocateLocalShadowEntry %s tableIndex resource type %s id 0x%x offset 0x%x "
                "size %s",
                name(), tableIndex.prid().type(), tableIndex.prid().id(), offset, size);
   lCache.entryIs(offset, lCache.initialEntryData(), hwAccessAllowed());
+  return lCache.entryIndex(offset);
 }
 
 void RequesterDalRemote::writeEntryDataToShadow(const CacheTableIndex& tableIndex,
@@ -164,19 +162,19 @@ void RequesterDalRemote::writeEntryDataToShadow(const CacheTableIndex& tableInde
   lCache->writeEntryData(offset, static_cast<const unsigned char*>(data), hwAccessAllowed());
 }
 
-// The shadow hooks look their table up once: the steps of maybeAllocateLocalShadowEntry and
-// writeEntryDataToShadow then work on the table found.
+// The shadow hooks look their table and their entry up once, and put the entry in use and
+// copy on what they found: the steps of maybeAllocateLocalShadowEntry and
+// writeEntryDataToShadow without looking anything up again.
 S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U16 size, void* data,
                                          void* optArg) {
   const PhysicalResourceId resourceId = detail::AccessScope::resourceId(*this, offset, optArg);
   KEL_ASSERT_TEXT(detail::AccessScope::cacheable(*this, devId, resourceId),
                   "helper()->cacheable( devId, resourceId )");
   if (!localShadowForRemoteResourcesEnabled()) return -1;
-  const CacheTableIndex index(devId, resourceId);
-  CacheTable* table = findLocalCache(index);
+  CacheTable* table = findLocalCache(devId, resourceId);
   if (!table) return -1;
-  maybeAllocateLocalShadowEntry(*table, index, offset, size);
-  table->readEntryData(offset, static_cast<unsigned char*>(data), size);
+  const U32 entry = localShadowEntry(*table, offset, size);
+  table->readEntryDataAt(entry, static_cast<unsigned char*>(data), size);
   return 0;
 }
 
@@ -184,11 +182,11 @@ S32 RequesterDalRemote::doReadFromShadow(DeviceId devId, DeviceOffset offset, U1
 // entry is always recorded, so that a serializer restart can be repaired. Intended.
 S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16 size,
                                         const void* data, void* optArg) {
-  const CacheTableIndex index(devId, detail::AccessScope::resourceId(*this, offset, optArg));
-  CacheTable& table = localCacheOrInit(index);
-  maybeAllocateLocalShadowEntry(table, index, offset, size);
+  const PhysicalResourceId resourceId = detail::AccessScope::resourceId(*this, offset, optArg);
+  CacheTable& table = localCacheOrInit(devId, resourceId);
+  const U32 entry = localShadowEntry(table, offset, size);
   // The size is deliberately not passed on: the table always takes a whole entry.
-  table.writeEntryData(offset, static_cast<const unsigned char*>(data), hwAccessAllowed());
+  table.writeEntryDataAt(entry, static_cast<const unsigned char*>(data), hwAccessAllowed());
   return 0;
 }
 

@@ -23,17 +23,25 @@
 // this agent owned) forgets every entry, its data and its eligibility, and releases their
 // memory; doRestart(false) (warm: the serializer kept its entries) keeps everything.
 //
+// Lookup: an entry whose offset is the table's first offset in use plus a multiple of the
+// entry size (as a table's entries are laid out) is found by its position, one array read;
+// other offsets (a table entered at offsets that are not one entry apart, or more entries
+// apart than the table has) go to a hash index, which is then probed as well.
+//
 // Memory: the data of the entries lives in chunks of 64 entries (never more entries than
 // the table has), so an entry costs entrySize bytes of data plus about 4.3 bytes of chunk
-// bookkeeping (its offset and eligibility bit), plus 8 bytes per slot of the offset index,
-// which is kept between 3/8 and 3/4 full: 11 to 22 bytes. One entry in use therefore costs
-// entrySize + 15 to 26 bytes; a table also holds one zero-filled initial entry and, once
-// used, at least one chunk.
+// bookkeeping (its offset and eligibility bit), plus 4 bytes per position from the first
+// offset in use to the last (at most numEntries() positions; growing by doubling, so up to
+// twice the span until the table is full), or 8 bytes per slot of the hash index, kept
+// between 3/8 and 3/4 full (11 to 22 bytes), for an offset without a position. One entry
+// in use of a table filled in place therefore costs entrySize + 8 to 13 bytes; a table also
+// holds one zero-filled initial entry and, once used, at least one chunk.
 //
 // Used from the agent's activity thread only.
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -69,16 +77,18 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   DeviceOffset entryOffset(U32 entryIndex) const;
   const unsigned char* entryData(U32 entryIndex) const;
   bool entryHwWriteEligible(U32 entryIndex) const;
-  // The index of the entry at `offset`, or kNoEntry. The steps of one shadow access (put an
-  // entry in use, then write or read it) ask for the same offset in a row, so the last
-  // entry found answers without a probe.
+  // The index of the entry at `offset`, or kNoEntry. Offsets one entry apart from the
+  // table's first offset are found by position (an entry's offset is usually the table's
+  // base plus a multiple of its size); any other offset by the hash index.
   U32 entryIndex(DeviceOffset offset) const {
-    if (offset == lastOffset_ && lastIndex_ != kNoEntry) return lastIndex_;
-    if (slots_.empty()) return kNoEntry;
-    const Slot& s = slots_[slotFor(offset)];
-    lastOffset_ = offset;
-    lastIndex_ = s.index;
-    return s.index;
+    const U32 position = stridePosition(offset - firstOffset_);
+    if (position < positions_.size()) {
+      const U32 index = positions_[position];
+      if (index != kNoEntry || slots_.empty()) return index;
+    } else if (slots_.empty()) {
+      return kNoEntry;
+    }
+    return slots_[slotFor(offset)].index;
   }
 
   // The entry's data (entrySize() bytes), or null when the offset is not in use.
@@ -97,18 +107,24 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   void entryIs(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed);
   // Copies a whole entry in; the entry must be in use (asserts "entryIndex( offset ) !=
   // kNoEntry"). With hwAccessAllowed the entry becomes hardware-write eligible.
-  // Every shadow access ends here, so both copies are inline.
   void writeEntryData(DeviceOffset offset, const unsigned char* data, bool hwAccessAllowed) {
-    KEL_ASSERT(data);
-    const U32 index = usedEntryIndex(offset);
-    std::memcpy(this->data(index), data, entrySize_);
-    if (hwAccessAllowed)
-      chunks_[index / kEntriesPerChunk]->eligible |= U64{1} << (index % kEntriesPerChunk);
+    writeEntryDataAt(usedEntryIndex(offset), data, hwAccessAllowed);
   }
   // Copies min(size, entrySize()) bytes of the entry out; the entry must be in use.
   void readEntryData(DeviceOffset offset, unsigned char* data, U32 size) const {
-    const U32 index = usedEntryIndex(offset);
-    std::memcpy(data, this->data(index), std::min(size, entrySize_));
+    readEntryDataAt(usedEntryIndex(offset), data, size);
+  }
+  // The same on the entry of an index that entryIndex() gave: a shadow access looks its
+  // entry up once, puts it in use when it is not, and copies. Every shadow access ends
+  // here, so both copies are inline.
+  void writeEntryDataAt(U32 entryIndex, const unsigned char* data, bool hwAccessAllowed) {
+    KEL_ASSERT(data);
+    copyBytes(this->data(entryIndex), data, entrySize_);
+    if (hwAccessAllowed)
+      chunks_[entryIndex / kEntriesPerChunk]->eligible |= U64{1} << (entryIndex % kEntriesPerChunk);
+  }
+  void readEntryDataAt(U32 entryIndex, unsigned char* data, U32 size) const {
+    copyBytes(data, this->data(entryIndex), std::min(size, entrySize_));
   }
   // True when the entry is in use and eligible for a hardware write (a replay).
   bool entryOffsetHwWriteEligible(DeviceOffset offset) const;
@@ -140,10 +156,14 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
     DeviceOffset offsets[kEntriesPerChunk];
   };
 
-  // Every shadow access looks its entry up, so the lookup is inline.
+  // The position of an offset `delta` bytes past the first offset: delta / entrySize() when
+  // entrySize() divides it, else a value above maxPosition_. The division is exact, so it is
+  // a multiplication by the inverse of the size's odd factor and a rotation by its power of
+  // two (a remainder shows as high bits after the rotation).
+  U32 stridePosition(U32 delta) const { return std::rotr(delta * inverse_, shift_); }
+  // Offsets of one table are usually multiples of a stride; the multiplicative hash
+  // spreads them over the whole index.
   std::size_t homeSlot(DeviceOffset offset) const {
-    // Offsets of one table are usually multiples of a stride; the multiplicative hash
-    // spreads them over the whole index.
     return static_cast<std::size_t>((offset * kFibonacciMultiplier) >> (64 - indexBits_));
   }
   // The position of the slot that holds `offset`, or of the empty slot where it would go.
@@ -155,6 +175,9 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
     }
   }
   void growIndex();
+  // Puts `index` at the position of `offset`, extending the positions to cover it; false
+  // when the offset is not one entry apart from the first offset or lies too far away.
+  bool placeByPosition(DeviceOffset offset, U32 index);
   U32 allocate(DeviceOffset offset);
   // The index of an entry that must be in use.
   U32 usedEntryIndex(DeviceOffset offset) const {
@@ -167,6 +190,19 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
            std::size_t{index % kEntriesPerChunk} * entrySize_;
   }
   U32 chunkEntries(std::size_t chunk) const;
+  // memcpy, with the copies of entries of 4 to 16 bytes (most entries) inline: two copies
+  // of half the largest power of two, overlapping when the size is not one.
+  static void copyBytes(unsigned char* to, const unsigned char* from, U32 size) {
+    if (size >= 8 && size <= 16) {
+      std::memcpy(to, from, 8);
+      std::memcpy(to + size - 8, from + size - 8, 8);
+    } else if (size >= 4 && size < 8) {
+      std::memcpy(to, from, 4);
+      std::memcpy(to + size - 4, from + size - 4, 4);
+    } else {
+      std::memcpy(to, from, size);
+    }
+  }
 
   static constexpr U64 kFibonacciMultiplier = 0x9E3779B97F4A7C15ull;
 
@@ -177,10 +213,18 @@ class KEL_EXPORT CacheTable : public Kel::Entity {
   U32 entries_ = 0;
   U32 restarts_ = 0;
   bool coldStart_ = false;
-  unsigned indexBits_ = 0;  // the index has 2^indexBits_ slots (none while empty)
+  unsigned indexBits_ = 0;  // the hash index has 2^indexBits_ slots (none while empty)
+  U32 hashed_ = 0;          // entries in the hash index
+  // The positions: the entry index at each offset firstOffset_ + k * entrySize_ (k below
+  // positions_.size(), which is at most maxPositions_), kNoEntry where none is in use.
+  DeviceOffset firstOffset_ = 0;
+  std::vector<U32> positions_;
+  U32 inverse_;      // the inverse of entrySize_'s odd factor, modulo 2^32
+  unsigned shift_;   // entrySize_'s power of two
+  U32 maxPosition_;  // the largest position an offset can have: (2^32 - 1) / entrySize_
+  U32 maxPositions_;
+  // The hash index, for offsets that have no position.
   std::vector<Slot> slots_;
-  mutable DeviceOffset lastOffset_ = 0;  // the last offset entryIndex() looked up
-  mutable U32 lastIndex_ = kNoEntry;     // and its entry index (kNoEntry: not in use)
   std::vector<std::unique_ptr<Chunk>> chunks_;
   std::vector<unsigned char> initialEntryData_;
 };

@@ -37,7 +37,8 @@ namespace Zorvek {
 
 namespace detail {
 class AccessScope;
-}
+class AccessPath;
+}  // namespace detail
 
 // A per-resource U64 counter collection (hashed by the resource-id hash). inc() remembers
 // the counter it last counted: accesses come in runs on one table, and a run then hashes
@@ -114,26 +115,26 @@ class KEL_EXPORT Dal : public Kel::Entity {
   virtual void reclaimWhenProgrammedIs(bool v);
   virtual void hwAccessAllowedIs(bool v);
   virtual void helperIs(const Kel::Ptr<DalHelper>& h);
-  virtual void blockingIs(bool v) { blocking_ = v; }
-  virtual void verifyEnabledIs(bool v) { verifyEnabled_ = v; }
-  virtual void forceReadFromShadowIs(bool v) { forceReadFromShadow_ = v; }
-  virtual void okToReadFromShadowIs(bool v) { okToReadFromShadow_ = v; }
-  virtual void okToWriteToShadowIs(bool v) { okToWriteToShadow_ = v; }
-  virtual void skipHwWriteIfShadowHitIs(bool v) { skipHwWriteIfShadowHit_ = v; }
+  virtual void blockingIs(bool v) { optionIs(kBlocking, v); }
+  virtual void verifyEnabledIs(bool v) { optionIs(kVerifyEnabled, v); }
+  virtual void forceReadFromShadowIs(bool v) { optionIs(kForceReadFromShadow, v); }
+  virtual void okToReadFromShadowIs(bool v) { optionIs(kOkToReadFromShadow, v); }
+  virtual void okToWriteToShadowIs(bool v) { optionIs(kOkToWriteToShadow, v); }
+  virtual void skipHwWriteIfShadowHitIs(bool v) { optionIs(kSkipHwWriteIfShadowHit, v); }
 
   const Kel::Name& name() const { return name_; }
   const Kel::Ptr<DalHelper>& helper() const { return helper_; }
   bool ready() const { return ready_; }
   // Notifies onReady() on change only.
   void readyIs(bool v);
-  bool blocking() const { return blocking_; }
-  bool reclaimWhenProgrammed() const { return reclaimWhenProgrammed_; }
-  bool verifyEnabled() const { return verifyEnabled_; }
-  bool hwAccessAllowed() const { return hwAccessAllowed_; }
-  bool forceReadFromShadow() const { return forceReadFromShadow_; }
-  bool okToReadFromShadow() const { return okToReadFromShadow_; }
-  bool okToWriteToShadow() const { return okToWriteToShadow_; }
-  bool skipHwWriteIfShadowHit() const { return skipHwWriteIfShadowHit_; }
+  bool blocking() const { return options_ & kBlocking; }
+  bool reclaimWhenProgrammed() const { return options_ & kReclaimWhenProgrammed; }
+  bool verifyEnabled() const { return options_ & kVerifyEnabled; }
+  bool hwAccessAllowed() const { return options_ & kHwAccessAllowed; }
+  bool forceReadFromShadow() const { return options_ & kForceReadFromShadow; }
+  bool okToReadFromShadow() const { return options_ & kOkToReadFromShadow; }
+  bool okToWriteToShadow() const { return options_ & kOkToWriteToShadow; }
+  bool skipHwWriteIfShadowHit() const { return options_ & kSkipHwWriteIfShadowHit; }
 
   const Kel::Ptr<CoprocessorChecker>& coprocessorChecker() const { return coprocessorChecker_; }
   // Stores the checker and runs handleCoprocessorChecker(), also when the value is unchanged;
@@ -175,21 +176,60 @@ class KEL_EXPORT Dal : public Kel::Entity {
   void doUpdateCacheMissOnWrite(DeviceOffset offset, void* optArg);
 
   // Plain stores for derived setters that order storing, reacting and notifying themselves.
-  void storeHwAccessAllowed(bool v) { hwAccessAllowed_ = v; }
-  void storeReclaimWhenProgrammed(bool v) { reclaimWhenProgrammed_ = v; }
+  void storeHwAccessAllowed(bool v) { optionIs(kHwAccessAllowed, v); }
+  void storeReclaimWhenProgrammed(bool v) { optionIs(kReclaimWhenProgrammed, v); }
 
  private:
+  // The policy flags, one bit each in one word: an access reads the word once and tests
+  // its bits, rather than loading each flag again after every call it makes.
+  enum Option : U32 {
+    kBlocking = 1u << 0,
+    kReclaimWhenProgrammed = 1u << 1,
+    kVerifyEnabled = 1u << 2,
+    kHwAccessAllowed = 1u << 3,
+    kForceReadFromShadow = 1u << 4,
+    kOkToReadFromShadow = 1u << 5,
+    kOkToWriteToShadow = 1u << 6,
+    kSkipHwWriteIfShadowHit = 1u << 7,
+  };
+  void optionIs(Option option, bool v) { options_ = v ? options_ | option : options_ & ~option; }
+  // Stores an observable flag and notifies `fn`, only when that changed it.
+  template <class Fn>
+  void notifyingOptionIs(Option option, bool v, Fn fn) {
+    if (((options_ & option) != 0) == v) return;
+    optionIs(option, v);
+    notifiees_.visit(fn);
+  }
+
+  // Counts an access in a total and under its resource: a table's counter, or a register's
+  // where registers are counted (reads; writes count tables only). Inline: every access
+  // counts once, and the access path counts with the resource it already holds.
+  [[gnu::always_inline]] static void countAccess(
+      U64& total, DalCounterCollection<PhysicalTableId>& tables,
+      DalCounterCollection<PhysicalRegisterId>* registers, const PhysicalResourceId& rid) {
+    total += 1;
+    if (rid.type() == ResourceType::tableResource_)
+      tables.inc(PhysicalTableId(rid));
+    else if (registers)
+      registers->inc(PhysicalRegisterId(rid));
+  }
+  [[gnu::always_inline]] void countReadHit(const PhysicalResourceId& rid) {
+    countAccess(cacheReadHits_, cacheReadTableHits_, &cacheReadRegHits_, rid);
+  }
+  [[gnu::always_inline]] void countReadMiss(const PhysicalResourceId& rid) {
+    countAccess(cacheReadMisses_, cacheReadTableMisses_, &cacheReadRegMisses_, rid);
+  }
+  [[gnu::always_inline]] void countWriteHit(const PhysicalResourceId& rid) {
+    countAccess(cacheWriteHits_, cacheWriteTableHits_, nullptr, rid);
+  }
+  [[gnu::always_inline]] void countWriteMiss(const PhysicalResourceId& rid) {
+    countAccess(cacheWriteMisses_, cacheWriteTableMisses_, nullptr, rid);
+  }
+
   Kel::Name name_;
   Kel::Ptr<DalHelper> helper_;
   bool ready_ = false;
-  bool blocking_ = false;
-  bool reclaimWhenProgrammed_ = false;
-  bool verifyEnabled_ = false;
-  bool hwAccessAllowed_ = true;
-  bool forceReadFromShadow_ = false;
-  bool okToReadFromShadow_ = true;
-  bool okToWriteToShadow_ = true;
-  bool skipHwWriteIfShadowHit_ = false;
+  U32 options_ = kHwAccessAllowed | kOkToReadFromShadow | kOkToWriteToShadow;
   U64 cacheReadHits_ = 0;
   U64 cacheReadMisses_ = 0;
   U64 cacheWriteHits_ = 0;
@@ -198,6 +238,7 @@ class KEL_EXPORT Dal : public Kel::Entity {
   mutable Kel::NotifieeList<Dal> notifiees_;
   // The access being served, if any: what it has learnt from the helper, shared by its steps.
   friend class detail::AccessScope;
+  friend class detail::AccessPath;
   detail::AccessScope* access_ = nullptr;
 };
 

@@ -100,19 +100,28 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
  private:
   // The mask bytes of `mask`, as a new array of `size` bytes; null when the flag is off.
   static U8* maskArray(const RequesterDataMask& mask, U32 size);
-  // The local cache of the index, or null; remembered for the next shadow access.
-  CacheTable* findLocalCache(const CacheTableIndex& tableIndex);
-  // The local cache of the index, created by initOneLocalCache (with the last coldStart)
-  // when absent; asserts "lCache".
-  CacheTable& localCacheOrInit(const CacheTableIndex& tableIndex);
-  // maybeAllocateLocalShadowEntry on the table already found for the index. Every access
-  // but the first to an entry finds it in use, which is answered here without a call.
-  void maybeAllocateLocalShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex,
-                                     DeviceOffset offset, U32 size) {
-    if (!lCache.entryDataPtr(offset)) allocateLocalShadowEntry(lCache, tableIndex, offset, size);
+  // The local cache of (devId, rid), or null. Accesses come in runs on one table, so the
+  // table of the last shadow access answers without a walk of localCache_.
+  CacheTable* findLocalCache(DeviceId devId, const PhysicalResourceId& rid) {
+    if (lastTable_ && lastIndex_.devId() == devId && lastIndex_.prid() == rid) return lastTable_;
+    return findAndRememberLocalCache(CacheTableIndex(devId, rid));
   }
-  void allocateLocalShadowEntry(CacheTable& lCache, const CacheTableIndex& tableIndex,
-                                DeviceOffset offset, U32 size);
+  CacheTable* findAndRememberLocalCache(const CacheTableIndex& tableIndex);
+  // The local cache of (devId, rid), created by initOneLocalCache (with the last coldStart)
+  // when absent; asserts "lCache".
+  CacheTable& localCacheOrInit(DeviceId devId, const PhysicalResourceId& rid) {
+    if (CacheTable* lCache = findLocalCache(devId, rid)) return *lCache;
+    return initLocalCacheFor(CacheTableIndex(devId, rid));
+  }
+  CacheTable& initLocalCacheFor(const CacheTableIndex& tableIndex);
+  // The index of the entry at `offset` in a local cache, put in use (with the table's initial
+  // data) when it is not. Every access but the first to an entry finds it in use, which is
+  // answered here without a call.
+  U32 localShadowEntry(CacheTable& lCache, DeviceOffset offset, U32 size) {
+    const U32 index = lCache.entryIndex(offset);
+    return index != CacheTable::kNoEntry ? index : allocateLocalShadowEntry(lCache, offset, size);
+  }
+  U32 allocateLocalShadowEntry(CacheTable& lCache, DeviceOffset offset, U32 size);
   void pushTable(const CacheTable& table, void* optArg);
 
   Kel::Ptr<ResourceIdToDataMaskMap> resourceIdToDataMaskMap_;
