@@ -49,6 +49,22 @@ TEST(CacheTableTest, EntriesAreNumberedInOrderOfFirstUseAndReadBackAtMostWhole) 
   EXPECT_THAT(out, ElementsAre(0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0xEE));
 }
 
+// An entry is found by its position from the table's first offset in use, below that offset
+// as well as above it, and through the hash index when its offset is off the stride.
+TEST(CacheTableTest, EveryEntryReadsBackWhereverItLies) {
+  auto table = makeTable(16);
+  const DeviceOffset offsets[] = {0x200, 0x240, 0x1C0, 0x100, 0x203, 0x400, 0x0};
+  for (U32 i = 0; i < std::size(offsets); ++i)
+    table->entryIs(offsets[i], pattern(static_cast<unsigned char>(0x10 * i)).data(), true);
+  for (U32 i = 0; i < std::size(offsets); ++i) {
+    SCOPED_TRACE(offsets[i]);
+    EXPECT_EQ(table->entryIndex(offsets[i]), i);
+    EXPECT_EQ(entry(*table, offsets[i]), pattern(static_cast<unsigned char>(0x10 * i)));
+  }
+  EXPECT_EQ(table->entryDataPtr(0x208), nullptr);
+  EXPECT_EQ(table->entryDataPtr(0x1F8), nullptr);
+}
+
 // A warm restart keeps entries and their eligibility; a cold one forgets them and numbers
 // entries from 0 again.
 TEST(CacheTableTest, ColdRestartForgetsEntriesWarmKeepsThem) {
