@@ -74,6 +74,23 @@ bool within(const std::string& path, const std::string& root) {
          (path.size() > root.size() && path.starts_with(root) && path[root.size()] == '/');
 }
 
+// Erases the entry of `path` and those of every path below it, after `before(value)`. Keys
+// below a path are not all next to it ("a/b-c" sorts between "a/b" and "a/b/c"): the entry
+// itself, then the range of "path/".
+template <class Map, class Before = void (*)(typename Map::mapped_type&)>
+void eraseSubtree(Map& map, const std::string& path,
+                  Before before = [](typename Map::mapped_type&) {}) {
+  if (const auto it = map.find(path); it != map.end()) {
+    before(it->second);
+    map.erase(it);
+  }
+  const std::string prefix = path + "/";
+  for (auto it = map.lower_bound(prefix); it != map.end() && it->first.starts_with(prefix);) {
+    before(it->second);
+    it = map.erase(it);
+  }
+}
+
 std::string childOf(const std::string& dir, std::string_view name) {
   return dir.empty() ? std::string(name) : dir + "/" + std::string(name);
 }
@@ -387,10 +404,9 @@ void RedisBackend::trackTree(const std::string& path, const Kel::Ptr<Kel::Entity
 }
 
 void RedisBackend::untrack(const std::string& path) {
-  for (auto it = nodes_.lower_bound(path); it != nodes_.end() && within(it->first, path);) {
-    if (it->second.guard) it->second.codec->guarded(*it->second.entity)->writeGuardIs(nullptr);
-    it = nodes_.erase(it);
-  }
+  eraseSubtree(nodes_, path, [](Node& node) {
+    if (node.guard) node.codec->guarded(*node.entity)->writeGuardIs(nullptr);
+  });
 }
 
 void RedisBackend::guardIs(Node& node, const std::string& path) {
@@ -427,8 +443,7 @@ void RedisBackend::localChild(const std::string& dirPath, const Kel::Dir& dir,
     else
       ops.insert(ops.end(), {"hdel", keyOf(dirPath), "n:" + name, ""});
   }
-  for (auto it = owned_.lower_bound(path); it != owned_.end() && within(it->first, path);)
-    it = owned_.erase(it);
+  eraseSubtree(owned_, path);
   if (child) {
     trackTree(path, child);
     publishSubtree(path, child, ops);
@@ -610,8 +625,7 @@ void RedisBackend::handleChange(std::string_view payload) {
   const Applying applying(applying_, true);
   const char op = parts[2].empty() ? ' ' : parts[2][0];
   if (op == 'c' || op == 'x') {
-    for (auto it = owned_.lower_bound(path); it != owned_.end() && within(it->first, path);)
-      it = owned_.erase(it);
+    eraseSubtree(owned_, path);
   } else {
     owned_[path].erase(std::string(parts[4]));
   }
