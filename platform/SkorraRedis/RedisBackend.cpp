@@ -78,8 +78,8 @@ bool within(const std::string& path, const std::string& root) {
 // below a path are not all next to it ("a/b-c" sorts between "a/b" and "a/b/c"): the entry
 // itself, then the range of "path/".
 template <class Map, class Before = void (*)(typename Map::mapped_type&)>
-void eraseSubtree(Map& map, const std::string& path,
-                  Before before = [](typename Map::mapped_type&) {}) {
+void eraseSubtree(
+    Map& map, const std::string& path, Before before = [](typename Map::mapped_type&) {}) {
   if (const auto it = map.find(path); it != map.end()) {
     before(it->second);
     map.erase(it);
