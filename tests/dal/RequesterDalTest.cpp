@@ -167,9 +167,30 @@ TEST_F(RequesterDalTest, BulkWithHardwareOffStaysInTheShadow) {
 // ---------------------------------------------------------------------------------------
 // Readiness
 
+// An agent's own DAL may rewire its readiness machine: a new requester is evaluated at once;
+// a retired reactor (requester or DAL deleted, or the machine torn down) ignores every change.
+TEST_F(RequesterDalTest, RetargetedReactorsReevaluateAndRetiredOnesIgnoreChanges) {
+  auto sm = RequesterDal::DalReadySm::DalReadySmIs(requester, dal);
+  EXPECT_FALSE(dal->ready());
+  const auto other = Kel::allocate<StrictMock<MockRequester>>();
+  other->readyIs(true);
+  sm->requesterIs(other);
+  EXPECT_TRUE(dal->ready());
+  for (const auto& retire : std::vector<std::function<void(RequesterDal::DalReadySm&)>>{
+           [](auto& m) { m.requesterDel(); }, [](auto& m) { m.dalDel(); },
+           [](auto& m) { m.kelDoZombieReactors(true); }}) {
+    const auto d = makeDal();
+    sm = RequesterDal::DalReadySm::DalReadySmIs(requester, d);
+    retire(*sm);
+    requester->readyIs(true);
+    d->hwAccessAllowedIs(false);
+    EXPECT_FALSE(d->ready());
+    requester->readyIs(false);
+  }
+}
+
 // Hardware off makes the DAL ready whatever its requester says; with it on, the DAL follows
-// the requester. Each step: what changes, then whether the DAL is ready. (Each DAL makes its
-// machine once and retires it when it goes; no DAL rewires one.)
+// the requester. Each step: what changes, then whether the DAL is ready.
 TEST_F(RequesterDalTest, ReadyFollowsTheRequesterOnlyWhileHardwareIsAllowed) {
   const auto sm = RequesterDal::DalReadySm::DalReadySmIs(requester, dal);
   // clang-format off
