@@ -102,11 +102,17 @@ inline bool runUntil(Kel::ActivityLoop& loop, const std::function<bool()>& done,
   return done();
 }
 
-// Runs `agent` in a child process (which exits with what it returns); the parent gets its
-// pid.
+// Runs `agent` in a child process (which exits with what it returns, or 99 when it throws:
+// the child never goes on into the test that forked it); the parent gets its pid.
 inline pid_t forkAgent(const std::function<int()>& agent) {
   const pid_t pid = fork();
-  if (pid == 0) _exit(agent());
+  if (pid == 0) {
+    try {
+      _exit(agent());
+    } catch (...) {
+      _exit(99);
+    }
+  }
   return pid;
 }
 
