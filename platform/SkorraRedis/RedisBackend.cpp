@@ -25,9 +25,8 @@ constexpr char kSep = '\0';
 // Applies the operations of one change, in order, then announces it: every "pub" takes the
 // next number of "skorra:seq". ARGV: the origin, then groups of four: "hset" key field value,
 // "hdel" key field -, "delsub" key pattern - (the key and every key under it), "pub" channel
-// payload -. Returns the last number taken.
+// payload -.
 constexpr std::string_view kWriteScript = R"lua(
-local seq = 0
 for i = 2, #ARGV, 4 do
   local op, a, b, c = ARGV[i], ARGV[i + 1], ARGV[i + 2], ARGV[i + 3]
   if op == 'hset' then redis.call('HSET', a, b, c)
@@ -36,11 +35,10 @@ for i = 2, #ARGV, 4 do
     redis.call('DEL', a)
     for _, k in ipairs(redis.call('KEYS', b)) do redis.call('DEL', k) end
   elseif op == 'pub' then
-    seq = redis.call('INCR', 'skorra:seq')
+    local seq = redis.call('INCR', 'skorra:seq')
     redis.call('PUBLISH', a, seq .. '\0' .. ARGV[1] .. '\0' .. b)
   end
 end
-return seq
 )lua";
 
 // The number of the last change and every entity whose key matches a pattern of ARGV, as
@@ -512,16 +510,16 @@ void RedisBackend::localField(const std::string& path, const std::string& field)
   run(ops);
 }
 
-std::uint64_t RedisBackend::run(const std::vector<std::string>& ops) {
+void RedisBackend::run(const std::vector<std::string>& ops) {
   std::vector<std::string> args{"EVALSHA", writeSha_, "0", origin_};
   args.insert(args.end(), ops.begin(), ops.end());
   try {
-    return numberOf(command_->command(args).text());
+    command_->command(args);
   } catch (const ConnectionLost& e) {
     DUWISP_TRACE(th(), 1, "run %s", e.what());
     commandReconnect();
     args[1] = writeSha_;
-    return numberOf(command_->command(args).text());
+    command_->command(args);
   }
 }
 

@@ -136,7 +136,7 @@ class KEL_EXPORT RedisBackend : public Backend {
   void localField(const std::string& path, const std::string& field);
   void publishSubtree(const std::string& path, const Kel::Ptr<Kel::Entity>& entity,
                       std::vector<std::string>& ops);
-  std::uint64_t run(const std::vector<std::string>& ops);
+  void run(const std::vector<std::string>& ops);
   std::string serverRunId();
 
   Kel::ActivityLoop& loop_;

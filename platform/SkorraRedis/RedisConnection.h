@@ -57,7 +57,7 @@ class KEL_EXPORT RedisReply {
 
   bool isArray() const;
   bool isNil() const;
-  // The text of a string, status or error reply ("" otherwise); an integer reply as text.
+  // The text of a string, status or error reply; "" for any other reply.
   std::string_view text() const;
   std::size_t elements() const;
   RedisReply element(std::size_t i) const;

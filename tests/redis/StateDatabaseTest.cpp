@@ -155,7 +155,7 @@ TEST_F(TwoAgentsTest, AWriteThroughAReadOnlyMountIsRefusedAndChangesNothing) {
   RedisConnection redis(redisAddress(server.url()));
   EXPECT_EQ(redis.command({"HGET", "skorra:e:s1/status/serializerStatus", "restartCount"}).text(),
             "0");
-  EXPECT_TRUE(redis.command({"HGET", "skorra:e:s1/status", "n:serializerStatus"}).isNil() == false);
+  EXPECT_FALSE(redis.command({"HGET", "skorra:e:s1/status", "n:serializerStatus"}).isNil());
   kill(s1, SIGKILL);
   EXPECT_EQ(exitOf(s1), -1);
 }
