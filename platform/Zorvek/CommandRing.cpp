@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <linux/membarrier.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -64,11 +65,36 @@ void futexWakeAll(std::atomic<U32>& word) {
   syscall(SYS_futex, reinterpret_cast<U32*>(&word), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
-// Bumps `seq` and wakes its sleepers when `waiting` says there is one. The fence orders the
-// caller's publication before the look at the flag, against the waiter, which sets its flag
-// before it looks at the condition: one of the two always sees the other's store.
+// The sleeper/waker handshake is Dekker's: the waker publishes, then looks at the sleeper's
+// flag; the sleeper sets its flag, then looks at what is published; one of the two must see
+// the other's store. A full fence on each side would cost the waker a fence per command,
+// several times the rest of an enqueue across processes, so the fence is asymmetric: the
+// waker only keeps the compiler from reordering, and the sleeper, which is about to sleep
+// anyway, makes every thread of the processes registered here pass a full barrier
+// (membarrier). A process that could not register fences on its own side.
+bool asymmetricBarriers() {
+  static const bool registered =
+      syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED, 0, 0) == 0;
+  return registered;
+}
+
+void wakerBarrier() {
+  if (asymmetricBarriers())
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  else
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+// Without the system's barrier the sleeper fences its own side: it then sees a command
+// published before its flag at the latest when its sleep slice ends.
+void sleeperBarrier() {
+  if (syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0, 0) != 0)
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+// Bumps `seq` and wakes its sleepers when `waiting` says there is one.
 void wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) {
-  std::atomic_thread_fence(std::memory_order_seq_cst);
+  wakerBarrier();
   if (!waiting.load(std::memory_order_relaxed)) return;
   seq.fetch_add(1, std::memory_order_release);
   futexWakeAll(seq);
@@ -132,7 +158,10 @@ const char* ringWaitName(RingWait wait) {
 CommandRing::CommandRing(std::string name, Mapping mapping)
     : name_(std::move(name)),
       layout_(static_cast<CommandRingLayout*>(mapping.base)),
-      mappedBytes_(mapping.bytes) {}
+      mappedBytes_(mapping.bytes) {
+  // Before the first command: the other side's sleeper barriers reach this process from now.
+  asymmetricBarriers();
+}
 
 CommandRing::~CommandRing() { munmap(layout_, mappedBytes_); }
 
@@ -252,7 +281,8 @@ RingWait CommandRingProducer::waitFor(Ready ready) {
     }
     if (!consumerAlive()) return RingWait::consumerDead_;
     const U32 seq = l.progressSeq.load(std::memory_order_acquire);
-    l.producerWaiting.store(1, std::memory_order_seq_cst);
+    l.producerWaiting.store(1, std::memory_order_relaxed);
+    sleeperBarrier();
     if (generation() == acceptedGeneration_ && !ready()) futexWait(l.progressSeq, seq, kSleepSlice);
     l.producerWaiting.store(0, std::memory_order_relaxed);
   }
@@ -357,7 +387,8 @@ RingWait CommandRingConsumer::waitForCommand(std::chrono::milliseconds timeout) 
     const auto left = until - std::chrono::steady_clock::now();
     if (left <= left.zero()) return RingWait::timedOut_;
     const U32 seq = l.commandSeq.load(std::memory_order_acquire);
-    l.consumerWaiting.store(1, std::memory_order_seq_cst);
+    l.consumerWaiting.store(1, std::memory_order_relaxed);
+    sleeperBarrier();
     cachedTail_ = l.tail.load(std::memory_order_acquire);
     if (cachedTail_ == head_ && !stop_.load(std::memory_order_acquire))
       futexWait(l.commandSeq, seq, std::min<std::chrono::nanoseconds>(left, kSleepSlice));
