@@ -92,10 +92,13 @@ void sleeperBarrier() {
     std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
-// Bumps `seq` and wakes its sleepers when `waiting` says there is one.
+// Bumps `seq` and wakes its sleepers when `waiting` says there is one. The waker clears the
+// flag: it makes one system call per sleep, not one per command until the sleeper runs again
+// (a sleeper that goes on waiting sets it again before it sleeps).
 void wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) {
   wakerBarrier();
-  if (!waiting.load(std::memory_order_relaxed)) return;
+  if (!waiting.load(std::memory_order_relaxed) || !waiting.exchange(0, std::memory_order_relaxed))
+    return;
   seq.fetch_add(1, std::memory_order_release);
   futexWakeAll(seq);
 }
