@@ -127,20 +127,23 @@ struct CommandRingLayout {
   U32 responseCapacity;
   U32 reserved;
   alignas(64) std::atomic<U64> tail;
-  std::atomic<U32> commandSeq;
-  std::atomic<U32> producerWaiting;
   alignas(64) std::atomic<U64> head;
   std::atomic<U64> lastExecutedIndex;
   std::atomic<U64> responseIndex;
-  std::atomic<U32> progressSeq;
+  alignas(64) std::atomic<U32> commandSeq;
   std::atomic<U32> consumerWaiting;
-  std::atomic<U32> generation;
+  alignas(64) std::atomic<U32> progressSeq;
+  std::atomic<U32> producerWaiting;
+  alignas(64) std::atomic<U32> generation;
   std::atomic<S32> consumerPid;
   alignas(64) U8 ring[];
 };
 static_assert(offsetof(CommandRingLayout, tail) == 64);
 static_assert(offsetof(CommandRingLayout, head) == 128);
-static_assert(offsetof(CommandRingLayout, ring) == 192);
+static_assert(offsetof(CommandRingLayout, commandSeq) == 192);
+static_assert(offsetof(CommandRingLayout, progressSeq) == 256);
+static_assert(offsetof(CommandRingLayout, generation) == 320);
+static_assert(offsetof(CommandRingLayout, ring) == 384);
 
 const char* ringWaitName(RingWait wait) {
   switch (wait) {

@@ -55,13 +55,16 @@
 // Segment layout (native byte order; offsets in bytes):
 //   0     u64 magic "ZRVKRING", u32 layout version, u32 ring bytes (a power of two),
 //         u32 response area bytes, u32 reserved
-//   64    producer's line: u64 tail (ring bytes ever published), u32 commandSeq (futex the
-//         consumer sleeps on), u32 producerWaiting
+//   64    producer's line: u64 tail (ring bytes ever published)
 //   128   consumer's line: u64 head (ring bytes ever consumed), u64 lastExecutedIndex,
-//         u64 responseIndex (the read whose data the response area holds), u32 progressSeq
-//         (futex the producer sleeps on), u32 consumerWaiting, u32 generation, s32
-//         consumerPid (0 before the first consumer)
-//   192   the ring, then the response area
+//         u64 responseIndex (the read whose data the response area holds)
+//   192   u32 commandSeq (futex the consumer sleeps on), u32 consumerWaiting
+//   256   u32 progressSeq (futex the producer sleeps on), u32 producerWaiting
+//   320   u32 generation, s32 consumerPid (0 before the first consumer)
+//   384   the ring, then the response area
+// Each side writes its index for every command, and each side reads the other's sleeper
+// flag for every command: the flags and futex words, written only around a sleep, keep off
+// the indices' lines so that those reads stay in the reader's cache.
 // A record starts at a multiple of 16 bytes of the ring and takes a multiple of 16 bytes:
 //   u32 record bytes, u32 kind (1 command, 2 padding up to the ring's end), u32 data bytes,
 //   u32 mask bytes, the CommandHeader (plain fields), the data bytes, the mask bytes.
