@@ -54,6 +54,12 @@ constexpr U32 kHeaderAt = sizeof(RecordPrefix);
 constexpr U32 kPayloadAt = (kHeaderAt + sizeof(CommandHeader) + 7) / 8 * 8;
 
 U32 roundUp(U32 bytes, U32 align) { return (bytes + align - 1) / align * align; }
+U32 recordSize(U32 payloadBytes) { return roundUp(kPayloadAt + payloadBytes, kRecordAlign); }
+// The padding a record of `bytes` bytes at `at` needs first: the rest of the ring when the
+// record does not fit before its end.
+U32 paddingFor(U32 at, U32 capacity, U32 bytes) {
+  return capacity - at < bytes ? capacity - at : 0;
+}
 
 void futexWait(std::atomic<U32>& word, U32 expected, std::chrono::nanoseconds limit) {
   const timespec ts{static_cast<time_t>(limit.count() / 1000000000),
@@ -78,29 +84,11 @@ bool asymmetricBarriers() {
   return registered;
 }
 
-void wakerBarrier() {
-  if (asymmetricBarriers())
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-  else
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-}
-
 // Without the system's barrier the sleeper fences its own side: it then sees a command
 // published before its flag at the latest when its sleep slice ends.
 void sleeperBarrier() {
   if (syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0, 0) != 0)
     std::atomic_thread_fence(std::memory_order_seq_cst);
-}
-
-// Bumps `seq` and wakes its sleepers when `waiting` says there is one. The waker clears the
-// flag: it makes one system call per sleep, not one per command until the sleeper runs again
-// (a sleeper that goes on waiting sets it again before it sleeps).
-void wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) {
-  wakerBarrier();
-  if (!waiting.load(std::memory_order_relaxed) || !waiting.exchange(0, std::memory_order_relaxed))
-    return;
-  seq.fetch_add(1, std::memory_order_release);
-  futexWakeAll(seq);
 }
 
 void cpuRelax() {
@@ -164,15 +152,15 @@ const char* ringWaitName(RingWait wait) {
 CommandRing::CommandRing(std::string name, Mapping mapping)
     : name_(std::move(name)),
       layout_(static_cast<CommandRingLayout*>(mapping.base)),
-      mappedBytes_(mapping.bytes) {
-  // Before the first command: the other side's sleeper barriers reach this process from now.
-  asymmetricBarriers();
-}
+      mappedBytes_(mapping.bytes),
+      ring_(layout_->ring),
+      capacity_(layout_->capacity),
+      responseCapacity_(layout_->responseCapacity),
+      // Before the first command: the other side's sleeper barriers reach this process from now.
+      asymmetricBarriers_(asymmetricBarriers()) {}
 
 CommandRing::~CommandRing() { munmap(layout_, mappedBytes_); }
 
-U32 CommandRing::capacity() const { return layout_->capacity; }
-U32 CommandRing::responseCapacity() const { return layout_->responseCapacity; }
 U32 CommandRing::generation() const { return layout_->generation.load(std::memory_order_acquire); }
 pid_t CommandRing::consumerPid() const {
   return layout_->consumerPid.load(std::memory_order_acquire);
@@ -183,11 +171,21 @@ U64 CommandRing::lastExecutedIndex() const {
 bool CommandRing::producerWaiting() const {
   return layout_->producerWaiting.load(std::memory_order_acquire) != 0;
 }
-U32 CommandRing::recordBytes(U32 payloadBytes) {
-  return roundUp(kPayloadAt + payloadBytes, kRecordAlign);
+U32 CommandRing::recordBytes(U32 payloadBytes) { return recordSize(payloadBytes); }
+
+// The waker of Dekker's handshake (see asymmetricBarriers). It clears the flag as it wakes:
+// one system call per sleep, not one per command until the sleeper runs again (a sleeper
+// that goes on waiting sets the flag again before it sleeps).
+void CommandRing::wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) const {
+  if (asymmetricBarriers_)
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  else
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!waiting.load(std::memory_order_relaxed) || !waiting.exchange(0, std::memory_order_relaxed))
+    return;
+  seq.fetch_add(1, std::memory_order_release);
+  futexWakeAll(seq);
 }
-U8* CommandRing::ring() const { return layout_->ring; }
-U8* CommandRing::responseArea() const { return layout_->ring + layout_->capacity; }
 
 namespace {
 
@@ -244,18 +242,16 @@ void CommandRingProducer::unlink() {
   shm_unlink(name().c_str());
 }
 
-U64 CommandRingProducer::freeBytes() { return capacity() - (tail_ - cachedHead_); }
-
 bool CommandRingProducer::tryEnqueue(const CommandHeader& header, const void* data, U32 dataBytes,
                                      const void* mask, U32 maskBytes) {
   if (!data) dataBytes = 0;
   if (!mask) maskBytes = 0;
-  const U32 bytes = recordBytes(dataBytes + maskBytes);
+  const U32 bytes = recordSize(dataBytes + maskBytes);
   KEL_ASSERT_TEXT(bytes <= capacity() / 2, "a record takes at most half the ring");
   KEL_ASSERT_TEXT(header.command != Command::readCmd_ || header.size <= responseCapacity(),
                   "a read fits in the response area");
-  const U32 at = static_cast<U32>(tail_ & (capacity() - 1));
-  const U32 padding = capacity() - at < bytes ? capacity() - at : 0;
+  const U32 at = ringOffset(tail_);
+  const U32 padding = paddingFor(at, capacity(), bytes);
   if (freeBytes() < U64{padding} + bytes) {
     cachedHead_ = layout().head.load(std::memory_order_acquire);
     if (freeBytes() < U64{padding} + bytes) return false;
@@ -295,12 +291,10 @@ RingWait CommandRingProducer::waitFor(Ready ready) {
 }
 
 RingWait CommandRingProducer::waitForSpace(U32 payloadBytes) {
-  const U32 bytes = recordBytes(payloadBytes);
+  const U32 bytes = recordSize(payloadBytes);
   return waitFor([&] {
     cachedHead_ = layout().head.load(std::memory_order_acquire);
-    const U32 at = static_cast<U32>(tail_ & (capacity() - 1));
-    const U32 padding = capacity() - at < bytes ? capacity() - at : 0;
-    return freeBytes() >= U64{padding} + bytes;
+    return freeBytes() >= U64{paddingFor(ringOffset(tail_), capacity(), bytes)} + bytes;
   });
 }
 
@@ -409,26 +403,27 @@ void CommandRingConsumer::stop() {
 }
 
 bool CommandRingConsumer::front(RingCommand& cmd) {
-  if (head_ == cachedTail_) {
-    cachedTail_ = layout().tail.load(std::memory_order_acquire);
-    if (head_ == cachedTail_) return false;
-  }
-  RecordPrefix prefix;
-  std::memcpy(&prefix, ring() + (head_ & (capacity() - 1)), sizeof prefix);
-  if (prefix.kind == kPaddingRecord) {
+  for (;;) {
+    if (head_ == cachedTail_) {
+      cachedTail_ = layout().tail.load(std::memory_order_acquire);
+      if (head_ == cachedTail_) return false;
+    }
+    const U8* record = ring() + ringOffset(head_);
+    RecordPrefix prefix;
+    std::memcpy(&prefix, record, sizeof prefix);
+    if (prefix.kind != kPaddingRecord) {
+      KEL_ASSERT_TEXT(prefix.kind == kCommandRecord && prefix.recordBytes <= capacity() / 2 &&
+                          kPayloadAt + prefix.dataBytes + prefix.maskBytes <= prefix.recordBytes,
+                      "a command record of the ring is well formed");
+      std::memcpy(&cmd.header, record + kHeaderAt, sizeof cmd.header);
+      cmd.data = {record + kPayloadAt, prefix.dataBytes};
+      cmd.dataMask = {record + kPayloadAt + prefix.dataBytes, prefix.maskBytes};
+      frontBytes_ = prefix.recordBytes;
+      frontIndex_ = cmd.header.cmdIndex;
+      return true;
+    }
     head_ += prefix.recordBytes;
-    return front(cmd);
   }
-  KEL_ASSERT_TEXT(prefix.kind == kCommandRecord && prefix.recordBytes <= capacity() / 2 &&
-                      kPayloadAt + prefix.dataBytes + prefix.maskBytes <= prefix.recordBytes,
-                  "a command record of the ring is well formed");
-  const U8* record = ring() + (head_ & (capacity() - 1));
-  std::memcpy(&cmd.header, record + kHeaderAt, sizeof cmd.header);
-  cmd.data = {record + kPayloadAt, prefix.dataBytes};
-  cmd.dataMask = {record + kPayloadAt + prefix.dataBytes, prefix.maskBytes};
-  frontBytes_ = prefix.recordBytes;
-  frontIndex_ = cmd.header.cmdIndex;
-  return true;
 }
 
 void CommandRingConsumer::readDataIs(const void* data, U32 size) {

@@ -123,8 +123,8 @@ class KEL_EXPORT CommandRing {
 
   const std::string& name() const { return name_; }
   // Bytes of the ring, and of the response area.
-  U32 capacity() const;
-  U32 responseCapacity() const;
+  U32 capacity() const { return capacity_; }
+  U32 responseCapacity() const { return responseCapacity_; }
   // The consumer's generation (0 before the first consumer started) and process.
   U32 generation() const;
   pid_t consumerPid() const;
@@ -147,13 +147,23 @@ class KEL_EXPORT CommandRing {
   ~CommandRing();
 
   CommandRingLayout& layout() const { return *layout_; }
-  U8* ring() const;
-  U8* responseArea() const;
+  U8* ring() const { return ring_; }
+  U8* responseArea() const { return ring_ + capacity_; }
+  // Where the ring byte of running offset `offset` is.
+  U32 ringOffset(U64 offset) const { return static_cast<U32>(offset & (capacity_ - 1)); }
+  // Bumps `seq` and wakes the other side when `waiting`, its flag, says that it sleeps.
+  void wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) const;
 
  private:
   std::string name_;
   CommandRingLayout* layout_;
   std::size_t mappedBytes_;
+  // Copies of the segment's words that never change, and of whether this process passes the
+  // other side's sleeper barriers (see CommandRing.cpp).
+  U8* ring_;
+  U32 capacity_;
+  U32 responseCapacity_;
+  bool asymmetricBarriers_;
 };
 
 // The requester's side: creates the segment and owns it.
@@ -194,7 +204,7 @@ class KEL_EXPORT CommandRingProducer : public CommandRing {
   // Sleeps until `ready()` holds, the generation changes or the consumer dies.
   template <class Ready>
   RingWait waitFor(Ready ready);
-  U64 freeBytes();
+  U64 freeBytes() const { return capacity() - (tail_ - cachedHead_); }
 
   U64 tail_ = 0;
   U64 cachedHead_ = 0;
