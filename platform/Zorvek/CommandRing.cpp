@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <type_traits>
 
 #include "Duwisp/Duwisp.h"
@@ -376,7 +377,9 @@ CommandRingConsumer::CommandRingConsumer(const std::string& name)
 
 RingWait CommandRingConsumer::waitForCommand(std::chrono::milliseconds timeout) {
   CommandRingLayout& l = layout();
-  const auto until = std::chrono::steady_clock::now() + timeout;
+  // The clock is read once the first spin found nothing: a consumer that keeps up with its
+  // producer calls this for about every command, and a clock read costs as much as the rest.
+  std::optional<std::chrono::steady_clock::time_point> until;
   for (;;) {
     for (int spin = 0; spin < kSpins; ++spin) {
       if (stop_.load(std::memory_order_acquire)) return RingWait::stopped_;
@@ -384,7 +387,8 @@ RingWait CommandRingConsumer::waitForCommand(std::chrono::milliseconds timeout) 
       cachedTail_ = l.tail.load(std::memory_order_acquire);
       cpuRelax();
     }
-    const auto left = until - std::chrono::steady_clock::now();
+    if (!until) until = std::chrono::steady_clock::now() + timeout;
+    const auto left = *until - std::chrono::steady_clock::now();
     if (left <= left.zero()) return RingWait::timedOut_;
     const U32 seq = l.commandSeq.load(std::memory_order_acquire);
     l.consumerWaiting.store(1, std::memory_order_relaxed);

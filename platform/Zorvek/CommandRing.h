@@ -223,7 +223,8 @@ class KEL_EXPORT CommandRingConsumer : public CommandRing {
   // ring and wakes the producer. Throws CommandRingError naming the segment.
   explicit CommandRingConsumer(const std::string& name);
 
-  // Waits until a command is in the ring, stop() is called or `timeout` passes.
+  // Waits until a command is in the ring, stop() is called or `timeout` passes (counted from
+  // the end of a brief spin, which is all the wait takes when the producer keeps it busy).
   RingWait waitForCommand(std::chrono::milliseconds timeout);
   // Makes waitForCommand return stopped_, now and later. Any thread.
   void stop();
