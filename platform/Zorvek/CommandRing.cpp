@@ -79,7 +79,7 @@ void futexWakeAll(std::atomic<U32>& word) {
 // waker only keeps the compiler from reordering, and the sleeper, which is about to sleep
 // anyway, makes every thread of the processes registered here pass a full barrier
 // (membarrier). A process that could not register fences on its own side.
-bool asymmetricBarriers() {
+bool registerAsymmetricBarriers() {
   static const bool registered =
       syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED, 0, 0) == 0;
   return registered;
@@ -90,6 +90,21 @@ bool asymmetricBarriers() {
 void sleeperBarrier() {
   if (syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0, 0) != 0)
     std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+// The waker of the handshake: bumps `seq` and wakes the other side when `waiting`, its flag,
+// says that it sleeps. It clears the flag as it wakes: one system call per sleep, not one
+// per command until the sleeper runs again (a sleeper that goes on waiting sets the flag
+// again before it sleeps).
+void wakeIfWaiting(bool asymmetricBarriers, std::atomic<U32>& waiting, std::atomic<U32>& seq) {
+  if (asymmetricBarriers)
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  else
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!waiting.load(std::memory_order_relaxed) || !waiting.exchange(0, std::memory_order_relaxed))
+    return;
+  seq.fetch_add(1, std::memory_order_release);
+  futexWakeAll(seq);
 }
 
 void cpuRelax() {
@@ -158,7 +173,7 @@ CommandRing::CommandRing(std::string name, Mapping mapping)
       capacity_(layout_->capacity),
       responseCapacity_(layout_->responseCapacity),
       // Before the first command: the other side's sleeper barriers reach this process from now.
-      asymmetricBarriers_(asymmetricBarriers()) {}
+      asymmetricBarriers_(registerAsymmetricBarriers()) {}
 
 CommandRing::~CommandRing() { munmap(layout_, mappedBytes_); }
 
@@ -173,20 +188,6 @@ bool CommandRing::producerWaiting() const {
   return layout_->producerWaiting.load(std::memory_order_acquire) != 0;
 }
 U32 CommandRing::recordBytes(U32 payloadBytes) { return recordSize(payloadBytes); }
-
-// The waker of Dekker's handshake (see asymmetricBarriers). It clears the flag as it wakes:
-// one system call per sleep, not one per command until the sleeper runs again (a sleeper
-// that goes on waiting sets the flag again before it sleeps).
-void CommandRing::wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) const {
-  if (asymmetricBarriers_)
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-  else
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (!waiting.load(std::memory_order_relaxed) || !waiting.exchange(0, std::memory_order_relaxed))
-    return;
-  seq.fetch_add(1, std::memory_order_release);
-  futexWakeAll(seq);
-}
 
 namespace {
 
@@ -269,7 +270,7 @@ bool CommandRingProducer::tryEnqueue(const CommandHeader& header, const void* da
   if (maskBytes) std::memcpy(record + kPayloadAt + dataBytes, mask, maskBytes);
   tail_ += padding + bytes;
   layout().tail.store(tail_, std::memory_order_release);
-  wakeIfWaiting(layout().consumerWaiting, layout().commandSeq);
+  wakeIfWaiting(asymmetricBarriers(), layout().consumerWaiting, layout().commandSeq);
   return true;
 }
 
@@ -442,7 +443,7 @@ void CommandRingConsumer::commandExecuted() {
   head_ += std::exchange(frontBytes_, 0);
   l.head.store(head_, std::memory_order_release);
   l.lastExecutedIndex.store(frontIndex_, std::memory_order_release);
-  wakeIfWaiting(l.producerWaiting, l.progressSeq);
+  wakeIfWaiting(asymmetricBarriers(), l.producerWaiting, l.progressSeq);
 }
 
 }  // namespace Zorvek

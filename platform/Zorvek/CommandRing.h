@@ -151,15 +151,14 @@ class KEL_EXPORT CommandRing {
   U8* responseArea() const { return ring_ + capacity_; }
   // Where the ring byte of running offset `offset` is.
   U32 ringOffset(U64 offset) const { return static_cast<U32>(offset & (capacity_ - 1)); }
-  // Bumps `seq` and wakes the other side when `waiting`, its flag, says that it sleeps.
-  void wakeIfWaiting(std::atomic<U32>& waiting, std::atomic<U32>& seq) const;
+  // Whether this process passes the other side's sleeper barriers (see CommandRing.cpp).
+  bool asymmetricBarriers() const { return asymmetricBarriers_; }
 
  private:
   std::string name_;
   CommandRingLayout* layout_;
   std::size_t mappedBytes_;
-  // Copies of the segment's words that never change, and of whether this process passes the
-  // other side's sleeper barriers (see CommandRing.cpp).
+  // Copies of the segment's words that never change, and asymmetricBarriers().
   U8* ring_;
   U32 capacity_;
   U32 responseCapacity_;
