@@ -140,7 +140,7 @@ U64 ringConsume(CommandRingConsumer& ring, U64 count) {
     if (ring.waitForCommand(std::chrono::seconds(10)) != RingWait::done_) return 0;
     while (n < count && ring.front(cmd)) {
       sum += sumOf(cmd.header, cmd.data.data());
-      ring.commandExecuted();
+      ring.commandExecuted(true);
       ++n;
     }
   }

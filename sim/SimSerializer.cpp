@@ -1,5 +1,6 @@
 #include "sim/SimSerializer.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <vector>
 
@@ -31,14 +32,24 @@ SimSerializer::SimSerializer(Zorvek::SerializerId id, AgentId agentId, Kel::Name
                                 "' needs chips, a configuration and a status directory");
   DUWISP_TRACE(th(), 1, "SimSerializer %s id %s agent %s", name_, id_, agentId_);
   // The status first: attaching the queues below marks them served in it.
-  status_ = Kel::allocate<Zorvek::SerializerStatus>(name_);
-  statusDir_->entityIs(kStatusEntry, status_);
+  status_ = Kel::dynamicPtrCast<Zorvek::SerializerStatus>(statusDir_->entity(kStatusEntry));
+  tookOver_ = status_ != nullptr;
+  if (!status_) {
+    status_ = Kel::allocate<Zorvek::SerializerStatus>(name_);
+    statusDir_->entityIs(kStatusEntry, status_);
+  }
   attacher_ = Kel::allocate<Zorvek::QueueAttacher>(configDir_, this);
 }
 
 SimSerializer::~SimSerializer() {
   attacher_ = nullptr;  // detaches every queue: none is served any more
-  if (statusDir_->entity(kStatusEntry) == status_) statusDir_->entityDel(kStatusEntry);
+  if (!retired_ && statusDir_->entity(kStatusEntry) == status_) statusDir_->entityDel(kStatusEntry);
+}
+
+void SimSerializer::retire() {
+  attacher_ = nullptr;
+  retired_ = true;
+  DUWISP_TRACE(th(), 1, "SimSerializer::retire %s restartCount %s", name_, status_->restartCount());
 }
 
 bool SimSerializer::owns(DeviceId devId, const PhysicalResourceId& rid) const {
@@ -60,7 +71,43 @@ unsigned SimSerializer::serve() {
   for (const auto& [name, queue] : attacher_->queues()) queues.push_back(queue);
   unsigned ran = 0;
   for (const auto& queue : queues) ran += queue->drain();
+  for (auto& [name, ring] : rings_) ran += serveRing(ring);
   return ran;
+}
+
+unsigned SimSerializer::serveRing(Ring& ring) {
+  Zorvek::CommandRingConsumer& consumer = *ring.consumer;
+  Zorvek::QueueCommand& cmd = ring.cmd;
+  Zorvek::RingCommand taken;
+  unsigned ran = 0;
+  for (; consumer.front(taken); ++ran) {
+    static_cast<Zorvek::CommandHeader&>(cmd) = taken.header;
+    cmd.dataMask.assign(taken.dataMask.begin(), taken.dataMask.end());
+    // A read's data, and a bulk read's entries, are made here and go back through the ring.
+    const bool returnsData = cmd.command == Zorvek::Command::readCmd_ ||
+                             cmd.command == Zorvek::Command::bulkReadCmd_;
+    if (returnsData) {
+      cmd.data.assign(cmd.bytes(), 0);
+      if (cmd.command == Zorvek::Command::bulkReadCmd_)
+        cmd.physAddr = reinterpret_cast<Zorvek::PhysicalAddr>(cmd.data.data());
+    } else {
+      cmd.data.assign(taken.data.begin(), taken.data.end());
+    }
+    const bool ok = commandExecute(*ring.queue, cmd);
+    if (ok && returnsData) consumer.readDataIs(cmd.data.data(), static_cast<U32>(cmd.data.size()));
+    consumer.commandExecuted(ok);
+  }
+  return ran;
+}
+
+bool SimSerializer::waitForCommand(std::chrono::milliseconds timeout) {
+  if (rings_.empty()) return false;
+  // One ring is waited on; several share the time.
+  const auto slice = std::max(timeout / static_cast<long>(rings_.size()),
+                              std::chrono::milliseconds(1));
+  for (auto& [name, ring] : rings_)
+    if (ring.consumer->waitForCommand(slice) == Zorvek::RingWait::done_) return true;
+  return false;
 }
 
 void SimSerializer::restart() {
@@ -116,12 +163,25 @@ bool SimSerializer::freeExecute(const Zorvek::RequesterQueue& queue,
 
 void SimSerializer::queueAttached(Zorvek::RequesterQueue& queue) {
   queueCounters_.try_emplace(queue.name());
+  if (!queue.ringName().empty()) {
+    try {
+      rings_[queue.name()] = Ring{Kel::Ptr<Zorvek::RequesterQueue>(&queue),
+                                  std::make_unique<Zorvek::CommandRingConsumer>(queue.ringName()),
+                                  {}};
+    } catch (const Zorvek::CommandRingError& e) {
+      // Not served: its requester stays not ready, and the trace says why.
+      DUWISP_TRACE(th(), 0, "SimSerializer::queueAttached %s queue %s: %s", name_, queue.name(),
+                   e.what());
+      return;
+    }
+  }
   status_->servedQueueIs(queue.name());
   DUWISP_TRACE(th(), 6, "SimSerializer::queueAttached %s queue %s agent %s", name_, queue.name(),
                queue.agentId());
 }
 
 void SimSerializer::queueDetached(Zorvek::RequesterQueue& queue) {
+  rings_.erase(queue.name());
   status_->servedQueueDel(queue.name());
   DUWISP_TRACE(th(), 6, "SimSerializer::queueDetached %s queue %s", name_, queue.name());
 }

@@ -26,16 +26,28 @@
 // every chip) and increments the published restart count, so that the requesters' remote
 // DALs replay their shadows.
 //
-// Destruction detaches every queue and withdraws the status, so requesters stop being
-// ready. Used from the agents' activity thread only.
+// In a process of its own (zorvek-serializer), over a shared state database: a queue that
+// names a shared-memory ring (Zorvek/CommandRing.h) is served there: attaching opens the
+// ring, which starts its new generation (discarding what a previous process left in it),
+// serve() runs what the ring holds, returning a read's data through it, and
+// waitForCommand() sleeps until a ring holds a command. A status that a previous process of
+// the serializer left in the status directory is taken over (tookOver()): the process then
+// starts cold with restart(), which the requesters hear as the restart count; retire() stops
+// serving and leaves the status, with its count, to the next process.
+//
+// Destruction detaches every queue and withdraws the status (unless retired), so requesters
+// stop being ready. Used from the agents' activity thread only.
 #pragma once
 
+#include <chrono>
 #include <map>
+#include <memory>
 #include <unordered_set>
 
 #include "Kel/Dir.h"
 #include "Kel/Entity.h"
 #include "Kel/String.h"
+#include "Zorvek/CommandRing.h"
 #include "Zorvek/DemuxDalCreator.h"
 #include "Zorvek/RequesterQueue.h"
 #include "Zorvek/SerializerStatus.h"
@@ -53,8 +65,9 @@ class KEL_EXPORT SimSerializer : public Kel::Entity, public Zorvek::QueueConsume
     U64 rejected = 0;  // for a resource not owned
   };
 
-  // Publishes the status in statusDir and serves the queues already in configDir (which
-  // may be a read-only view). Throws std::invalid_argument for a null chip set or directory.
+  // Publishes the status in statusDir (or takes over the one there) and serves the queues
+  // already in configDir (which may be a read-only view). Throws std::invalid_argument for a
+  // null chip set or directory.
   SimSerializer(Zorvek::SerializerId id, AgentId agentId, Kel::Name name,
                 Kel::Ptr<SimChipSet> chips, Kel::Ptr<const Kel::Dir> configDir,
                 Kel::Ptr<Kel::Dir> statusDir);
@@ -81,11 +94,17 @@ class KEL_EXPORT SimSerializer : public Kel::Entity, public Zorvek::QueueConsume
   QueueCounters counters(const Kel::String& queueName) const;
   U64 rejectedCmds() const { return rejectedCmds_; }
   U64 restartCount() const { return status_->restartCount(); }
+  // Whether the status was left by a previous process of this serializer.
+  bool tookOver() const { return tookOver_; }
 
   // Runs every waiting command of every queue served, the way the serializer's event loop
   // does. Returns the number of commands run.
   unsigned serve();
   void restart();
+  // Waits until a ring served holds a command, or `timeout` passes; false when none does.
+  bool waitForCommand(std::chrono::milliseconds timeout);
+  // Detaches every queue and keeps the status for the next process of this serializer.
+  void retire();
 
   // Zorvek::QueueConsumer.
   bool commandExecute(const Zorvek::RequesterQueue& queue, Zorvek::QueueCommand& cmd) override;
@@ -96,7 +115,14 @@ class KEL_EXPORT SimSerializer : public Kel::Entity, public Zorvek::QueueConsume
   ~SimSerializer() override;
 
  private:
+  // A queue served through a ring, and the command it is running (its buffers reused).
+  struct Ring {
+    Kel::Ptr<Zorvek::RequesterQueue> queue;
+    std::unique_ptr<Zorvek::CommandRingConsumer> consumer;
+    Zorvek::QueueCommand cmd;
+  };
   bool freeExecute(const Zorvek::RequesterQueue& queue, const Zorvek::QueueCommand& cmd);
+  unsigned serveRing(Ring& ring);
 
   Zorvek::SerializerId id_;
   AgentId agentId_;
@@ -108,6 +134,9 @@ class KEL_EXPORT SimSerializer : public Kel::Entity, public Zorvek::QueueConsume
   Kel::Ptr<Zorvek::SerializerStatus> status_;
   std::map<Kel::String, QueueCounters> queueCounters_;
   U64 rejectedCmds_ = 0;
+  bool tookOver_ = false;
+  bool retired_ = false;
+  std::map<Kel::String, Ring> rings_;
   Kel::Ptr<Zorvek::QueueAttacher> attacher_;
 };
 

@@ -72,25 +72,28 @@ int ActivityLoop::pollTimeoutMs(Clock::duration maxWait) const {
 }
 
 bool ActivityLoop::runOnce(Clock::duration maxWait) {
-  pollFds_.clear();
-  pollFds_.push_back({wakeFd_, POLLIN, 0});
-  for (const auto& [fd, handler] : handlers_) pollFds_.push_back({fd, handler.first, 0});
-  if (poll(pollFds_.data(), pollFds_.size(), pollTimeoutMs(maxWait)) < 0 && errno != EINTR)
+  // The turn's own list: a callback that turns the loop itself gets another one.
+  std::vector<pollfd> fds = std::move(pollFds_);
+  fds.clear();
+  fds.push_back({wakeFd_, POLLIN, 0});
+  for (const auto& [fd, handler] : handlers_) fds.push_back({fd, handler.first, 0});
+  if (poll(fds.data(), fds.size(), pollTimeoutMs(maxWait)) < 0 && errno != EINTR)
     throw std::system_error(errno, std::generic_category(), "ActivityLoop: poll");
-  if (pollFds_[0].revents) {
+  if (fds[0].revents) {
     std::uint64_t count;
     [[maybe_unused]] const ssize_t n = read(wakeFd_, &count, sizeof count);
   }
   bool ran = runPosted();
   ran = runDueTimers() || ran;
-  for (std::size_t i = 1; i < pollFds_.size(); ++i) {
-    if (!pollFds_[i].revents) continue;
-    const auto it = handlers_.find(pollFds_[i].fd);
+  for (std::size_t i = 1; i < fds.size(); ++i) {
+    if (!fds[i].revents) continue;
+    const auto it = handlers_.find(fds[i].fd);
     if (it == handlers_.end()) continue;  // removed by an earlier callback of this turn
     const std::shared_ptr<Handler> handler = it->second.second;
-    (*handler)(pollFds_[i].revents);
+    (*handler)(fds[i].revents);
     ran = true;
   }
+  pollFds_ = std::move(fds);
   return ran;
 }
 

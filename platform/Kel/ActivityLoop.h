@@ -13,7 +13,9 @@
 //
 // Threading: post() and stop() may be called from any thread; everything else from the
 // loop's thread, or before run() starts. A callback may add or remove descriptors and
-// timers, its own included: a descriptor removed during a turn gets no further call in it.
+// timers, its own included: a descriptor removed during a turn gets no further call in it. A
+// callback may also turn the loop itself (runOnce), to wait for something that only a later
+// turn brings, such as a change made by another process.
 #pragma once
 
 #include <poll.h>

@@ -32,6 +32,14 @@ U64 numberField(const Fields& f, std::string_view field, std::string_view type) 
   return numberIn(it == f.end() ? std::string_view() : std::string_view(it->second), field, type);
 }
 
+const std::string& textField(const Fields& f, std::string_view field, std::string_view type) {
+  const auto it = f.find(std::string(field));
+  if (it == f.end())
+    throw DatabaseError("Skorra: a " + std::string(type) + " has no field \"" +
+                        std::string(field) + "\"");
+  return it->second;
+}
+
 // The names after `prefix` of the fields that start with it: the elements of a collection.
 std::set<std::string> elements(const Fields& f, std::string_view prefix) {
   std::set<std::string> names;
@@ -203,8 +211,9 @@ class AttrLogCodec final : public SetterCodec<Corvane::CoprocessorStatusAttrLog,
   }
 };
 
-// A queue's registration: "agentId", "dalId", "queueSize", "ioMemType", fixed when the
-// requester makes the queue.
+// A queue's registration: "agentId", "dalId", "queueSize", "ioMemType", "ringName" (empty
+// for a queue held in the requester's process) and "ringBytes", fixed when the requester
+// makes the queue.
 class RequesterQueueCodec final : public TypedCodec<Zorvek::RequesterQueue, void> {
   using Queue = Zorvek::RequesterQueue;
 
@@ -213,7 +222,9 @@ class RequesterQueueCodec final : public TypedCodec<Zorvek::RequesterQueue, void
     return Kel::allocate<Queue>(name, Zorvek::AgentId(numberField(f, "agentId", typeName())),
                                 Zorvek::DalId(Zorvek::U8(numberField(f, "dalId", typeName()))),
                                 unsigned(numberField(f, "queueSize", typeName())),
-                                Zorvek::IoMemType(numberField(f, "ioMemType", typeName())));
+                                Zorvek::IoMemType(numberField(f, "ioMemType", typeName())),
+                                textField(f, "ringName", typeName()),
+                                Zorvek::U32(numberField(f, "ringBytes", typeName())));
   }
 
  private:
@@ -221,7 +232,9 @@ class RequesterQueueCodec final : public TypedCodec<Zorvek::RequesterQueue, void
     return {{"agentId", std::to_string(q.agentId())},
             {"dalId", std::to_string(q.dalId().value())},
             {"queueSize", std::to_string(q.queueSize())},
-            {"ioMemType", std::to_string(static_cast<unsigned>(q.ioMemType()))}};
+            {"ioMemType", std::to_string(static_cast<unsigned>(q.ioMemType()))},
+            {"ringName", q.ringName()},
+            {"ringBytes", std::to_string(q.ringBytes())}};
   }
   bool fieldsIsOf(Queue& q, const Fields& f) const override { return fieldsOf(q) == f; }
 };

@@ -54,6 +54,11 @@ static_assert(sizeof(RecordPrefix) == 16);
 constexpr U32 kHeaderAt = sizeof(RecordPrefix);
 constexpr U32 kPayloadAt = (kHeaderAt + sizeof(CommandHeader) + 7) / 8 * 8;
 
+// Reads and bulk reads send their data back through the response area.
+bool returnsData(Command command) {
+  return command == Command::readCmd_ || command == Command::bulkReadCmd_;
+}
+
 U32 roundUp(U32 bytes, U32 align) { return (bytes + align - 1) / align * align; }
 U32 recordSize(U32 payloadBytes) { return roundUp(kPayloadAt + payloadBytes, kRecordAlign); }
 // The padding a record of `bytes` bytes at `at` needs first: the rest of the ring when the
@@ -134,6 +139,10 @@ struct CommandRingLayout {
   alignas(64) std::atomic<U64> head;
   std::atomic<U64> lastExecutedIndex;
   std::atomic<U64> responseIndex;
+  std::atomic<U64> lastFailedIndex;
+  std::atomic<U64> failedCmds;
+  std::atomic<U64> lastDiscardedIndex;
+  std::atomic<U64> executedCmds;
   alignas(64) std::atomic<U32> commandSeq;
   std::atomic<U32> consumerWaiting;
   alignas(64) std::atomic<U32> progressSeq;
@@ -184,6 +193,13 @@ pid_t CommandRing::consumerPid() const {
 U64 CommandRing::lastExecutedIndex() const {
   return layout_->lastExecutedIndex.load(std::memory_order_acquire);
 }
+U64 CommandRing::lastFailedIndex() const {
+  return layout_->lastFailedIndex.load(std::memory_order_acquire);
+}
+U64 CommandRing::executedCmds() const {
+  return layout_->executedCmds.load(std::memory_order_acquire);
+}
+U64 CommandRing::failedCmds() const { return layout_->failedCmds.load(std::memory_order_acquire); }
 bool CommandRing::producerWaiting() const {
   return layout_->producerWaiting.load(std::memory_order_acquire) != 0;
 }
@@ -250,7 +266,7 @@ bool CommandRingProducer::tryEnqueue(const CommandHeader& header, const void* da
   if (!mask) maskBytes = 0;
   const U32 bytes = recordSize(dataBytes + maskBytes);
   KEL_ASSERT_TEXT(bytes <= capacity() / 2, "a record takes at most half the ring");
-  KEL_ASSERT_TEXT(header.command != Command::readCmd_ || header.size <= responseCapacity(),
+  KEL_ASSERT_TEXT(!returnsData(header.command) || header.bytes() <= responseCapacity(),
                   "a read fits in the response area");
   const U32 at = ringOffset(tail_);
   const U32 padding = paddingFor(at, capacity(), bytes);
@@ -301,7 +317,14 @@ RingWait CommandRingProducer::waitForSpace(U32 payloadBytes) {
 }
 
 RingWait CommandRingProducer::waitForIndex(U64 index) {
-  return waitFor([&] { return lastExecutedIndex() >= index; });
+  bool discarded = false;
+  const RingWait wait = waitFor([&] {
+    if (lastExecutedIndex() >= index) return true;
+    discarded = layout().lastDiscardedIndex.load(std::memory_order_acquire) >= index;
+    return discarded;
+  });
+  // A command that a new generation discarded never runs: the wait ends as the generation's.
+  return wait == RingWait::done_ && discarded ? RingWait::generationChanged_ : wait;
 }
 
 bool CommandRingProducer::readData(U64 index, void* dest, U32 size) const {
@@ -369,11 +392,35 @@ CommandRingConsumer::CommandRingConsumer(const std::string& name)
   l.consumerWaiting.store(0, std::memory_order_relaxed);
   l.consumerPid.store(getpid(), std::memory_order_release);
   head_ = cachedTail_ = l.tail.load(std::memory_order_acquire);
+  const U64 discarded = lastIndexBetween(l.head.load(std::memory_order_acquire), head_);
+  if (discarded > l.lastDiscardedIndex.load(std::memory_order_relaxed))
+    l.lastDiscardedIndex.store(discarded, std::memory_order_release);
   l.head.store(head_, std::memory_order_release);
   l.progressSeq.fetch_add(1, std::memory_order_release);
   futexWakeAll(l.progressSeq);
   DUWISP_TRACE(th(), 1, "CommandRingConsumer %s generation %s head %s", this->name(), generation,
                head_);
+}
+
+U64 CommandRingConsumer::lastIndexBetween(U64 from, U64 to) const {
+  // The records between the previous generation's head and the tail are whole (the producer
+  // publishes a record only once it is written), but a head that is not a record's start
+  // would read garbage: the walk stops at the first record that is not well formed.
+  U64 last = 0;
+  while (from < to && to - from <= capacity()) {
+    RecordPrefix prefix;
+    std::memcpy(&prefix, ring() + ringOffset(from), sizeof prefix);
+    if (prefix.recordBytes < sizeof prefix || prefix.recordBytes % kRecordAlign ||
+        prefix.recordBytes > to - from)
+      break;
+    if (prefix.kind == kCommandRecord) {
+      CommandHeader header;
+      std::memcpy(&header, ring() + ringOffset(from) + kHeaderAt, sizeof header);
+      last = std::max(last, header.cmdIndex);
+    }
+    from += prefix.recordBytes;
+  }
+  return last;
 }
 
 RingWait CommandRingConsumer::waitForCommand(std::chrono::milliseconds timeout) {
@@ -437,11 +484,19 @@ void CommandRingConsumer::readDataIs(const void* data, U32 size) {
   layout().responseIndex.store(frontIndex_, std::memory_order_release);
 }
 
-void CommandRingConsumer::commandExecuted() {
+void CommandRingConsumer::commandExecuted(bool succeeded) {
   KEL_ASSERT_TEXT(frontBytes_ != 0, "commandExecuted() follows front()");
   CommandRingLayout& l = layout();
   head_ += std::exchange(frontBytes_, 0);
   l.head.store(head_, std::memory_order_release);
+  // Only this side writes the failure words: a plain add is enough, and they are published
+  // with the executed index below.
+  l.executedCmds.store(l.executedCmds.load(std::memory_order_relaxed) + 1,
+                       std::memory_order_relaxed);
+  if (!succeeded) {
+    l.lastFailedIndex.store(frontIndex_, std::memory_order_relaxed);
+    l.failedCmds.store(l.failedCmds.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
   l.lastExecutedIndex.store(frontIndex_, std::memory_order_release);
   wakeIfWaiting(asymmetricBarriers(), l.producerWaiting, l.progressSeq);
 }

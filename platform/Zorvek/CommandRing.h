@@ -11,7 +11,7 @@
 //   CommandRingConsumer served("/zorvek-42-a7-s1-Queue");   // in the serializer: generation+1
 //   RingCommand cmd;
 //   while (served.waitForCommand(10ms) == RingWait::done_ && served.front(cmd)) {
-//     ...run cmd...; served.commandExecuted();
+//     bool ok = ...run cmd...; served.commandExecuted(ok);
 //   }
 //
 // No mutex or condition variable lives in the segment: a process that dies holding one leaves
@@ -36,8 +36,10 @@
 // consumerDead_ as soon as the consumer's process is gone, and generationChanged_ once a new
 // consumer started (also when it started before the wait: the producer's accepted generation
 // differs until acceptGeneration()). A new generation starts cold: it discards every command
-// still in the ring (head := tail) and runs only those published after it started. Commands
-// up to lastExecutedIndex() ran; what becomes of the others:
+// still in the ring (head := tail), publishes the highest index it discarded (a wait for one
+// of them ends with generationChanged_, whichever generation the producer accepted) and runs
+// only those published after it started. Commands up to lastExecutedIndex() ran; what
+// becomes of the others:
 //   - write, blockingWrite: never ran, or ran in part when the consumer died in the middle of
 //     one. The requester treats them as lost: its remote DAL replays its shadow when the
 //     serializer's restart count changes, which writes every entry it shadows again. A
@@ -45,11 +47,13 @@
 //   - read: its data never arrives (readData returns false); the read fails.
 //   - bulkWrite: lost like a write, but the replay restores only the entries the shadow kept
 //     (the first of each bulk write).
-//   - bulkRead: the memory at physAddr may hold some, all or none of the entries: the caller
-//     must not use it.
+//   - bulkRead: like a read: its entries come back through the response area, and the
+//     requester copies them to the memory at physAddr only once they arrived; when they never
+//     do, the bulk read fails and that memory is left as it was.
 //   - free: dropped. The new generation wiped its tables, so the entries are free anyway.
 // A consumer killed at any step leaves the ring consistent for the next generation: the
-// consumer writes only its own words (head, lastExecutedIndex, the response area, its flag),
+// consumer writes only its own words (head, the executed, failed and discarded indices, the
+// response area, its flag),
 // and the next one takes the head from the producer's tail.
 //
 // Segment layout (native byte order; offsets in bytes):
@@ -57,7 +61,9 @@
 //         u32 response area bytes, u32 reserved
 //   64    producer's line: u64 tail (ring bytes ever published)
 //   128   consumer's line: u64 head (ring bytes ever consumed), u64 lastExecutedIndex,
-//         u64 responseIndex (the read whose data the response area holds)
+//         u64 responseIndex (the read whose data the response area holds),
+//         u64 lastFailedIndex, u64 failedCmds, u64 lastDiscardedIndex (the highest index a
+//         new generation discarded), u64 executedCmds
 //   192   u32 commandSeq (futex the consumer sleeps on), u32 consumerWaiting
 //   256   u32 progressSeq (futex the producer sleeps on), u32 producerWaiting
 //   320   u32 generation, s32 consumerPid (0 before the first consumer)
@@ -130,6 +136,11 @@ class KEL_EXPORT CommandRing {
   pid_t consumerPid() const;
   // The command index of the last command the consumer executed (0 before the first).
   U64 lastExecutedIndex() const;
+  // The command index of the last command that failed (0 before the first), and the
+  // numbers of commands executed (failed or not) and failed, over every generation.
+  U64 lastFailedIndex() const;
+  U64 executedCmds() const;
+  U64 failedCmds() const;
   // Whether the producer sleeps in one of its waits.
   bool producerWaiting() const;
 
@@ -180,12 +191,13 @@ class KEL_EXPORT CommandRingProducer : public CommandRing {
   // Appends a command with copies of `dataBytes` bytes of `data` and `maskBytes` bytes of
   // `mask` (either may be null with 0 bytes) and publishes it. Returns false, changing
   // nothing, when the ring has no room for it now. Asserts "a record takes at most half the
-  // ring" and, for a read, "a read fits in the response area".
+  // ring" and, for a read or bulk read, "a read fits in the response area".
   bool tryEnqueue(const CommandHeader& header, const void* data, U32 dataBytes, const void* mask,
                   U32 maskBytes);
   // Waits until a command with `payloadBytes` bytes of data and mask fits.
   RingWait waitForSpace(U32 payloadBytes);
-  // Waits until the consumer executed the command of index `index`.
+  // Waits until the consumer executed the command of index `index`; generationChanged_ also
+  // when a new generation discarded it.
   RingWait waitForIndex(U64 index);
   // Copies the data of the read of index `index` to `dest` (`size` bytes at most) and
   // returns true when the response area holds it (the read ran and succeeded).
@@ -230,13 +242,17 @@ class KEL_EXPORT CommandRingConsumer : public CommandRing {
 
   // The next command, left in the ring; false when there is none.
   bool front(RingCommand& cmd);
-  // For the read at the front: its data, published with the command's completion.
+  // For the read or bulk read at the front: its data, published with its completion.
   // Asserts "size <= responseCapacity()".
   void readDataIs(const void* data, U32 size);
-  // Takes the front command out of the ring and publishes its index as executed.
-  void commandExecuted();
+  // Takes the front command out of the ring and publishes its index as executed, and as
+  // failed unless it succeeded.
+  void commandExecuted(bool succeeded);
 
  private:
+  // The highest command index of the records in [from, to) of the ring.
+  U64 lastIndexBetween(U64 from, U64 to) const;
+
   U64 head_ = 0;
   U64 cachedTail_ = 0;
   // The front record's bytes and index, once front() found it.

@@ -1,6 +1,8 @@
 #include "Zorvek/QueueRequester.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "Duwisp/Duwisp.h"
 
@@ -12,7 +14,15 @@ namespace {
 
 KEL_FILE_TRACE_HANDLE("ZorvekQueueRequester")
 
+std::string& ringPrefix() {
+  static std::string prefix;
+  return prefix;
+}
+
 }  // namespace
+
+void commandRingPrefixIs(std::string prefix) { ringPrefix() = std::move(prefix); }
+const std::string& commandRingPrefix() { return ringPrefix(); }
 
 // Follows the status directory: the serializer's status may appear, be replaced or go.
 class QueueRequester::KelStatusDir : public Kel::Dir::NotifieeConst {
@@ -58,7 +68,16 @@ QueueRequester::QueueRequester(Kel::String name, AgentId agentId, unsigned int q
   DUWISP_TRACE(th(), 1, "QueueRequester %s dalId %s queueSize %s configDir %s statusDir %s",
                this->name(), dalId, queueSize, bool(configDir_), bool(statusDir_));
   if (configDir_) {
-    queue_ = Kel::allocate<RequesterQueue>(this->name(), agentId, dalId, queueSize, ioMemType);
+    if (!commandRingPrefix().empty()) {
+      // Room for the queue's commands, and for the largest command twice over.
+      const U32 bytes = std::max(queueSize * kRingBytesPerCommand,
+                                 2 * CommandRing::recordBytes(2 * kResponseBytes));
+      ring_ = std::make_unique<CommandRingProducer>(commandRingPrefix() + "-" + this->name(), bytes,
+                                                    kResponseBytes);
+    }
+    queue_ = Kel::allocate<RequesterQueue>(this->name(), agentId, dalId, queueSize, ioMemType,
+                                           ring_ ? ring_->name() : std::string(),
+                                           ring_ ? ring_->capacity() : 0);
     configDir_->entityIs(this->name(), queue_);
   }
   if (!statusDir_) return;
@@ -91,6 +110,8 @@ void QueueRequester::handleSerializerStatus() {
 void QueueRequester::handleServedQueue() {
   const bool served = serializerStatus_ && serializerStatus_->servedQueue(name());
   DUWISP_TRACE(th(), 6, "handleServedQueue %s served %s", name(), served);
+  // The serializer opened the ring before it said so: its generation is the one to work with.
+  if (served && ring_) ring_->acceptGeneration();
   readyIs(served);
 }
 
@@ -99,11 +120,14 @@ void QueueRequester::handleRestartCount() {
   if (!serializerStatus_) return;
   DUWISP_TRACE(th(), 6, "handleRestartCount %s restartCount %s", name(),
                serializerStatus_->restartCount());
+  // A restarted serializer opened the ring (a new generation) before it counted the restart;
+  // the replay that the count sets off goes to that generation.
+  if (ring_) ring_->acceptGeneration();
   serializerRestartCountIs(serializerStatus_->restartCount());
 }
 
 bool QueueRequester::consumerAttached(const char* what) const {
-  if (queue_ && queue_->consumer()) return true;
+  if (queue_ && (ring_ || queue_->consumer())) return true;
   DUWISP_TRACE(th(), 3, "QueueRequester::%s %s no serializer drains the queue", what, name());
   return false;
 }
@@ -115,23 +139,60 @@ S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataByte
                  name(), commandName(header.command));
     return -1;
   }
-  if (queue_->full()) {
-    DUWISP_TRACE(th(), 8, "QueueRequester::enqueue %s queue full, draining", name());
-    queue_->drain();
+  header.cmdIndex = cmdIndex();
+  if (ring_) {
+    if (!ringEnqueue(header, data, dataBytes, mask, maskBytes)) return -1;
+  } else {
     if (queue_->full()) {
-      DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s queue full and no serializer drains it",
-                   name(), commandName(header.command));
-      return -1;
+      DUWISP_TRACE(th(), 8, "QueueRequester::enqueue %s queue full, draining", name());
+      queue_->drain();
+      if (queue_->full()) {
+        DUWISP_TRACE(th(), 3,
+                     "QueueRequester::enqueue %s %s queue full and no serializer drains it", name(),
+                     commandName(header.command));
+        return -1;
+      }
     }
+    const bool queued = queue_->enqueue(header, data, dataBytes, mask, maskBytes);
+    KEL_ASSERT(queued);
   }
-  header.cmdIndex = takeCmdIndex();
-  const bool queued = queue_->enqueue(header, data, dataBytes, mask, maskBytes);
-  KEL_ASSERT(queued);
+  takeCmdIndex();
   watchLog_.commandIs(header.command, header.targets, header.resourceId, header.offset,
                       header.bytes(), header.cmdIndex);
   DUWISP_TRACE(th(), 9, "QueueRequester::enqueue %s %s cmdIndex %s offset 0x%x", name(),
                commandName(header.command), header.cmdIndex, header.offset);
   return static_cast<S64>(header.cmdIndex);
+}
+
+bool QueueRequester::ringEnqueue(const CommandHeader& header, const void* data, U32 dataBytes,
+                                 const void* mask, U32 maskBytes) {
+  const U32 payload = (data ? dataBytes : 0) + (mask ? maskBytes : 0);
+  for (bool retried = false;;) {
+    if (ring_->tryEnqueue(header, data, dataBytes, mask, maskBytes)) return true;
+    const RingWait wait = ring_->waitForSpace(payload);
+    if (wait == RingWait::done_) continue;
+    // A new serializer process discarded what the ring held: there is room again.
+    if (wait == RingWait::generationChanged_ && !std::exchange(retried, true)) continue;
+    DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s ring full: %s", name(),
+                 commandName(header.command), ringWaitName(wait));
+    return false;
+  }
+}
+
+bool QueueRequester::ringWait(const char* what, U64 index) {
+  const RingWait wait = ring_->waitForIndex(index);
+  if (wait == RingWait::done_) return true;
+  DUWISP_TRACE(th(), 3, "QueueRequester::%s %s cmdIndex %s has not run: %s", what, name(), index,
+               ringWaitName(wait));
+  return false;
+}
+
+S64 QueueRequester::ringRead(const char* what, S64 index, void* dest, U32 size) {
+  if (index < 0) return index;
+  const U64 i = static_cast<U64>(index);
+  if (ringWait(what, i) && ring_->readData(i, dest, size)) return index;
+  DUWISP_TRACE(th(), 3, "QueueRequester::%s %s cmdIndex %s failed", what, name(), index);
+  return -1;
 }
 
 S64 QueueRequester::initFreeFromSerializer(DeviceId devId, const PhysicalResourceId& rid,
@@ -146,6 +207,7 @@ S64 QueueRequester::read(DeviceId devId, const PhysicalResourceId& rid, DeviceOf
   const S64 index =
       enqueue(singleCommand(Command::readCmd_, oneDeviceMask(devId), rid, offset, size), nullptr, 0,
               nullptr, 0);
+  if (ring_) return ringRead("read", index, data, size);
   if (index < 0 || queue_->drainRead(static_cast<U64>(index), data, size)) return index;
   DUWISP_TRACE(th(), 3, "QueueRequester::read %s cmdIndex %s failed", name(), index);
   return -1;
@@ -167,27 +229,44 @@ S64 QueueRequester::blockingWrite(const TargetMask& targets, const PhysicalResou
       singleCommand(Command::blockingWriteCmd_, targets, rid, offset, size, reclaimWhenProgrammed),
       data, size, dataMask, dataMask ? size : 0);
   if (index < 0) return index;
-  waitForCmdIndex(static_cast<U64>(index));
-  return queue_->lastFailedCmdIndex() == static_cast<U64>(index) ? -1 : index;
+  const U64 i = static_cast<U64>(index);
+  if (ring_) return ringWait("blockingWrite", i) && ring_->lastFailedIndex() != i ? index : -1;
+  waitForCmdIndex(i);
+  return queue_->lastFailedCmdIndex() == i ? -1 : index;
 }
 
 S64 QueueRequester::bulkRead(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset,
                              const PhysicalAddr& physAddr, U32 entrySize, U32 numEntries) {
-  return enqueue(bulkCommand(Command::bulkReadCmd_, oneDeviceMask(devId), rid, offset, physAddr,
-                             entrySize, numEntries),
-                 nullptr, 0, nullptr, 0);
+  const CommandHeader header = bulkCommand(Command::bulkReadCmd_, oneDeviceMask(devId), rid,
+                                           offset, physAddr, entrySize, numEntries);
+  if (!ring_) return enqueue(header, nullptr, 0, nullptr, 0);
+  // The entries come back through the ring's response area, one bulk read at a time.
+  if (U64{entrySize} * numEntries > ring_->responseCapacity()) {
+    DUWISP_TRACE(th(), 3, "QueueRequester::bulkRead %s %s bytes do not fit the ring's %s", name(),
+                 U64{entrySize} * numEntries, ring_->responseCapacity());
+    return -1;
+  }
+  return ringRead("bulkRead", enqueue(header, nullptr, 0, nullptr, 0),
+                  reinterpret_cast<void*>(physAddr), header.bytes());
 }
 
 S64 QueueRequester::bulkWrite(const TargetMask& targets, const PhysicalResourceId& rid,
                               DeviceOffset offset, const PhysicalAddr& physAddr, const void* data,
                               U32 entrySize, U32 numEntries) {
+  // Another process cannot read this one's memory: the ring carries the entries themselves.
+  if (!data && ring_) data = reinterpret_cast<const void*>(physAddr);
   return enqueue(
       bulkCommand(Command::bulkWriteCmd_, targets, rid, offset, physAddr, entrySize, numEntries),
       data, data ? entrySize * numEntries : 0, nullptr, 0);
 }
 
 void QueueRequester::waitForCmdIndex(U64 index) {
-  if (!queue_ || index >= cmdIndex() || index <= queue_->lastCompletedCmdIndex()) return;
+  if (!queue_ || index >= cmdIndex()) return;
+  if (ring_) {
+    if (index > ring_->lastExecutedIndex()) ringWait("waitForCmdIndex", index);
+    return;
+  }
+  if (index <= queue_->lastCompletedCmdIndex()) return;
   queue_->drain(index);
   if (queue_->lastCompletedCmdIndex() >= index) return;
   DUWISP_TRACE(th(), 3,
@@ -213,6 +292,17 @@ void QueueRequester::showRequesterState(U32 fd) const {
           serializerStatus_ ? "True" : "False",
           static_cast<unsigned long long>(serializerRestartCount()), kickFifoName_.c_str(),
           kickName_.c_str());
+  if (ring_)
+    dprintf(out,
+            "'ring':{'name':'%s','capacity':%u,'generation':%u,'consumerPid':%d,"
+            "'lastExecutedIndex':%llu,'lastFailedIndex':%llu,'executedCmds':%llu,"
+            "'failedCmds':%llu},",
+            ring_->name().c_str(), ring_->capacity(), ring_->generation(),
+            static_cast<int>(ring_->consumerPid()),
+            static_cast<unsigned long long>(ring_->lastExecutedIndex()),
+            static_cast<unsigned long long>(ring_->lastFailedIndex()),
+            static_cast<unsigned long long>(ring_->executedCmds()),
+            static_cast<unsigned long long>(ring_->failedCmds()));
   watchLog_.show(out);
 }
 

@@ -24,6 +24,19 @@
 // in this in-process protocol the wake-up is the drain itself, so they are only carried
 // and shown.
 //
+// Serializers in other processes: once the process names a ring prefix
+// (commandRingPrefixIs), each QueueRequester made afterwards creates a shared-memory ring
+// "<prefix>-<requester name>" (Zorvek/CommandRing.h) and registers its name and size with
+// the queue in the configuration directory; the serializer's process opens it and runs the
+// commands there, later. Commands then wait only for ring space; a wait (waitForCmdIndex,
+// read, blockingWrite, bulkRead, which needs its entries back at once, and a full ring)
+// ends when the command ran, and also when the serializer's process is gone or a new one
+// started (the command failed or is lost: a level 3 trace). A new serializer process starts
+// a new generation of the ring, which the requester accepts when the serializer's status
+// tells it that its queue is served or its restart count changed; the restart count then
+// makes the remote DAL replay its shadow. A bulk write without data copies the entries
+// from the memory at its physical address into the ring.
+//
 // Null directories: without a configuration directory there is no queue and every
 // command fails with a negative index; without a status directory the requester is never
 // ready (commands still queue). A configuration directory mounted read-only makes the
@@ -36,11 +49,20 @@
 #include "Kel/Dir.h"
 #include "Kel/String.h"
 #include "Orv/WatchList.h"
+#include <memory>
+#include <string>
+
+#include "Zorvek/CommandRing.h"
 #include "Zorvek/Requester.h"
 #include "Zorvek/RequesterQueue.h"
 #include "Zorvek/SerializerStatus.h"
 
 namespace Zorvek {
+
+// The ring prefix of this process's QueueRequesters (see above); empty, the default, keeps
+// every queue in the process. Set it before the requesters are made, e.g. "/zorvek-<pid>".
+KEL_EXPORT void commandRingPrefixIs(std::string prefix);
+KEL_EXPORT const std::string& commandRingPrefix();
 
 class KEL_EXPORT QueueRequester : public Requester {
   KEL_ENTITY_TYPE(QueueRequester)
@@ -64,6 +86,12 @@ class KEL_EXPORT QueueRequester : public Requester {
   // The status followed (null while the status directory holds none).
   const Kel::Ptr<const SerializerStatus>& serializerStatus() const { return serializerStatus_; }
   const Orv::WatchLog& watchLog() const { return watchLog_; }
+  // The ring to a serializer in another process; null when the queue is in the process.
+  const CommandRingProducer* ring() const { return ring_.get(); }
+
+  // Ring bytes per command of the queue size, and the largest read's bytes.
+  static constexpr U32 kRingBytesPerCommand = 256;
+  static constexpr U32 kResponseBytes = 64 * 1024;
 
   // Asks the serializer to free every entry of `rid` on `devId` that this agent owns, in
   // entries of entrySizeBytes bytes; a non-null `dataMask` (entrySizeBytes bytes, copied)
@@ -89,7 +117,10 @@ class KEL_EXPORT QueueRequester : public Requester {
 
   // The base fields, then 'queueSize', 'ioMemType', 'queue' (see RequesterQueue::show;
   // None without a queue), 'serializerStatus' (whether one is followed),
-  // 'serializerRestartCount', 'kickFifoName', 'kickName' and the watch log.
+  // 'serializerRestartCount', 'kickFifoName', 'kickName', with a ring 'ring' (its name,
+  // capacity, generation, consumer's pid, last executed and failed index, executed and failed
+  // commands),
+  // and the watch log.
   void showRequesterState(U32 fd) const override;
 
  protected:
@@ -105,6 +136,13 @@ class KEL_EXPORT QueueRequester : public Requester {
   // Enqueues one command (draining a full queue first); returns its index or -1.
   S64 enqueue(CommandHeader header, const void* data, U32 dataBytes, const void* mask,
               U32 maskBytes);
+  // Puts a command into the ring, waiting for space; false (traced) when it cannot.
+  bool ringEnqueue(const CommandHeader& header, const void* data, U32 dataBytes, const void* mask,
+                   U32 maskBytes);
+  // Waits in the ring until command `index` ran; false (traced as `what`) when it did not.
+  bool ringWait(const char* what, U64 index);
+  // Runs command `index` (a read or bulk read) and copies its data to `dest`.
+  S64 ringRead(const char* what, S64 index, void* dest, U32 size);
   // True when a consumer can run a command now; traces the refusal of `what` otherwise.
   bool consumerAttached(const char* what) const;
 
@@ -115,6 +153,7 @@ class KEL_EXPORT QueueRequester : public Requester {
   Kel::String kickFifoName_;
   Kel::String kickName_;
   Kel::Ptr<RequesterQueue> queue_;
+  std::unique_ptr<CommandRingProducer> ring_;
   Kel::Ptr<const SerializerStatus> serializerStatus_;
   Kel::Ptr<KelStatusDir> kelStatusDir_;
   Kel::Ptr<KelSerializerStatus> kelSerializerStatus_;

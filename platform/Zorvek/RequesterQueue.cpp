@@ -17,8 +17,13 @@ std::string commandName(Command command) {
 }
 
 RequesterQueue::RequesterQueue(Kel::String name, AgentId agentId, DalId dalId, unsigned queueSize,
-                               IoMemType ioMemType)
-    : name_(std::move(name)), agentId_(agentId), dalId_(dalId), ioMemType_(ioMemType) {
+                               IoMemType ioMemType, std::string ringName, U32 ringBytes)
+    : name_(std::move(name)),
+      agentId_(agentId),
+      dalId_(dalId),
+      ioMemType_(ioMemType),
+      ringName_(std::move(ringName)),
+      ringBytes_(ringBytes) {
   KEL_ASSERT(queueSize > 0);
   KEL_ASSERT(ioMemType == IoMemType::queueMemory_);
   slots_.resize(queueSize);

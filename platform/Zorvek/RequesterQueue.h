@@ -19,6 +19,10 @@
 // consumer may enqueue to or drain the same queue while it runs (a serializer restart that
 // makes a DAL replay its shadow does): commands still run once each, in order.
 //
+// A queue whose serializer runs in another process carries the name and size of the
+// shared-memory ring (Zorvek/CommandRing.h) that the requester created for it: its commands
+// travel there, and this object only registers the queue.
+//
 // Used from the agents' activity thread only.
 #pragma once
 
@@ -127,14 +131,18 @@ class KEL_EXPORT RequesterQueue : public Kel::Entity {
   static constexpr U64 kAllCommands = UINT64_MAX;
 
   // A queue of `queueSize` commands (at least 1) for the requester `name` of agent
-  // `agentId`. Asserts "ioMemType == IoMemType::queueMemory_".
+  // `agentId`; its commands travel through the ring `ringName` of `ringBytes` bytes when one
+  // is named. Asserts "ioMemType == IoMemType::queueMemory_".
   RequesterQueue(Kel::String name, AgentId agentId, DalId dalId, unsigned queueSize,
-                 IoMemType ioMemType);
+                 IoMemType ioMemType, std::string ringName = {}, U32 ringBytes = 0);
   const Kel::String& name() const { return name_; }
   AgentId agentId() const { return agentId_; }
   DalId dalId() const { return dalId_; }
   unsigned queueSize() const { return static_cast<unsigned>(slots_.size()); }
   IoMemType ioMemType() const { return ioMemType_; }
+  // The shared-memory ring of the queue (empty: the commands are held here) and its bytes.
+  const std::string& ringName() const { return ringName_; }
+  U32 ringBytes() const { return ringBytes_; }
 
   // The consumer that drain() runs commands through, or null. Not owned: a consumer
   // detaches (consumerIs(nullptr)) before it goes away. Changing it calls queueDetached on
@@ -188,6 +196,8 @@ class KEL_EXPORT RequesterQueue : public Kel::Entity {
   AgentId agentId_;
   DalId dalId_;
   IoMemType ioMemType_;
+  std::string ringName_;
+  U32 ringBytes_;
   QueueConsumer* consumer_ = nullptr;
   // A ring of count_ waiting commands from head_. A command is moved out of its slot to
   // run, so the slot is free at once, also for commands enqueued while it runs; its

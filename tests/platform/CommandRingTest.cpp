@@ -176,7 +176,7 @@ int loggingConsumer(const std::string& name, Log& log, int commands) {
       continue;
     }
     log.add(cmd);
-    ring.commandExecuted();
+    ring.commandExecuted(true);
   }
   return log.count == commands ? 0 : 1;
 }
@@ -215,7 +215,7 @@ TEST(CommandRingTest, AFullRingMakesTheProducerWaitUntilTheConsumerTakesCommands
     RingCommand cmd;
     while (watcher.waitForCommand(10s) == RingWait::done_ && watcher.front(cmd)) {
       log->add(cmd);
-      watcher.commandExecuted();
+      watcher.commandExecuted(true);
     }
     return 0;
   });
@@ -263,7 +263,7 @@ TEST(CommandRingTest, AReadsDataComesBackUntilTheNextReadRuns) {
       std::vector<U8> bytes(cmd.header.size);
       for (std::size_t j = 0; j < bytes.size(); ++j) bytes[j] = U8(cmd.header.offset + j);
       if (cmd.header.offset % 2 == 0) served.readDataIs(bytes.data(), U32(bytes.size()));
-      served.commandExecuted();
+      served.commandExecuted(true);
     }
     return 0;
   });
@@ -361,7 +361,7 @@ int checkingConsumer(const std::string& name, Generation& seen) {
     if (!seen.wrong && ((last && index != last + 1) || !matches(cmd))) seen.wrong = index;
     if (!last) seen.first = index;
     seen.last = index;
-    ring.commandExecuted();
+    ring.commandExecuted(true);
   }
 }
 
@@ -461,7 +461,7 @@ TEST(CommandRingDeathTest, MisuseAborts) {
   EXPECT_DEATH(ring.tryEnqueue(read, nullptr, 0, nullptr, 0),
                "Assertion failed: a read fits in the response area");
   CommandRingConsumer consumer(ring.name());
-  EXPECT_DEATH(consumer.commandExecuted(),
+  EXPECT_DEATH(consumer.commandExecuted(true),
                "Assertion failed: commandExecuted\\(\\) follows front\\(\\)");
   EXPECT_DEATH(consumer.readDataIs(big.data(), 16),
                "Assertion failed: size <= responseCapacity\\(\\)");
