@@ -391,7 +391,9 @@ CommandRingConsumer::CommandRingConsumer(const std::string& name)
   const U32 generation = l.generation.fetch_add(1, std::memory_order_acq_rel) + 1;
   l.consumerWaiting.store(0, std::memory_order_relaxed);
   l.consumerPid.store(getpid(), std::memory_order_release);
-  head_ = cachedTail_ = l.tail.load(std::memory_order_acquire);
+  cachedTail_ = l.tail.load(std::memory_order_acquire);
+  // The first generation runs what the producer published before any consumer started.
+  head_ = generation == 1 ? l.head.load(std::memory_order_acquire) : cachedTail_;
   const U64 discarded = lastIndexBetween(l.head.load(std::memory_order_acquire), head_);
   if (discarded > l.lastDiscardedIndex.load(std::memory_order_relaxed))
     l.lastDiscardedIndex.store(discarded, std::memory_order_release);

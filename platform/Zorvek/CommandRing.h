@@ -36,10 +36,10 @@
 // consumerDead_ as soon as the consumer's process is gone, and generationChanged_ once a new
 // consumer started (also when it started before the wait: the producer's accepted generation
 // differs until acceptGeneration()). A new generation starts cold: it discards every command
-// still in the ring (head := tail), publishes the highest index it discarded (a wait for one
-// of them ends with generationChanged_, whichever generation the producer accepted) and runs
-// only those published after it started. Commands up to lastExecutedIndex() ran; what
-// becomes of the others:
+// still in the ring (head := tail; the first generation keeps what was published before it),
+// publishes the highest index it discarded (a wait for one of them ends with generationChanged_,
+// whichever generation the producer accepted) and runs only those published after it started.
+// Commands up to lastExecutedIndex() ran; what becomes of the others:
 //   - write, blockingWrite: never ran, or ran in part when the consumer died in the middle of
 //     one. The requester treats them as lost: its remote DAL replays its shadow when the
 //     serializer's restart count changes, which writes every entry it shadows again. A

@@ -237,8 +237,8 @@ S64 QueueRequester::blockingWrite(const TargetMask& targets, const PhysicalResou
 
 S64 QueueRequester::bulkRead(DeviceId devId, const PhysicalResourceId& rid, DeviceOffset offset,
                              const PhysicalAddr& physAddr, U32 entrySize, U32 numEntries) {
-  const CommandHeader header = bulkCommand(Command::bulkReadCmd_, oneDeviceMask(devId), rid,
-                                           offset, physAddr, entrySize, numEntries);
+  const CommandHeader header = bulkCommand(Command::bulkReadCmd_, oneDeviceMask(devId), rid, offset,
+                                           physAddr, entrySize, numEntries);
   if (!ring_) return enqueue(header, nullptr, 0, nullptr, 0);
   // The entries come back through the ring's response area, one bulk read at a time.
   if (U64{entrySize} * numEntries > ring_->responseCapacity()) {

@@ -46,11 +46,11 @@
 // Used from the agent's activity thread only.
 #pragma once
 
+#include <memory>
+#include <string>
 #include "Kel/Dir.h"
 #include "Kel/String.h"
 #include "Orv/WatchList.h"
-#include <memory>
-#include <string>
 
 #include "Zorvek/CommandRing.h"
 #include "Zorvek/Requester.h"

@@ -2,6 +2,8 @@
 // consumers, which report what they saw through an anonymous shared mapping.
 #include "Zorvek/CommandRing.h"
 
+#include "platform/ForkTools.h"
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
@@ -21,61 +23,12 @@
 namespace {
 
 using namespace Zorvek;
+using namespace Zorvek::test;
 using namespace ::testing;
 using namespace std::chrono_literals;
 
 std::string ringName(const char* what) {
   return "/zorvek-test-" + std::to_string(getpid()) + "-" + what;
-}
-
-// An object of type T in memory shared with the children forked after it.
-template <class T>
-class Shared {
- public:
-  Shared()
-      : p_(new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
-               T()) {}
-  ~Shared() {
-    p_->~T();
-    munmap(p_, sizeof(T));
-  }
-  T* operator->() const { return p_; }
-  T& operator*() const { return *p_; }
-
- private:
-  T* p_;
-};
-
-// A forked child running `body`, whose result is its exit code. Killed if still running
-// when the test ends.
-class Child {
- public:
-  explicit Child(const std::function<int()>& body) : pid_(fork()) {
-    if (pid_ == 0) _exit(body());
-  }
-  ~Child() {
-    if (pid_ > 0) kill(SIGKILL);
-  }
-  pid_t pid() const { return pid_; }
-  // Kills the child and reaps it.
-  void kill(int signal) {
-    ::kill(pid_, signal);
-    exitStatus();
-  }
-  // The child's wait status, once it ended.
-  int exitStatus() {
-    int status = 0;
-    waitpid(std::exchange(pid_, -1), &status, 0);
-    return status;
-  }
-
- private:
-  pid_t pid_;
-};
-
-template <class Condition>
-void spinUntil(Condition condition) {
-  while (!condition()) sched_yield();
 }
 
 // The command of index `index` that the tests enqueue: its bytes follow from the index, so

@@ -1,20 +1,14 @@
-// What tests and benchmarks of agents as processes share: a private redis-server (no
-// persistence, no TCP port, a unix socket in a temporary directory; stopped and its directory
-// removed when the object goes), an agent (its loop, its database on that server, its
+// What tests and benchmarks of agents as processes share: a private redis-server
+// (SkorraRedis/RedisServer.h), an agent (its loop, its database on that server, its
 // mounts), and forked agent processes.
 #pragma once
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -22,59 +16,11 @@
 #include "Skorra/MountGroup.h"
 #include "SkorraRedis/RedisBackend.h"
 #include "SkorraRedis/RedisConnection.h"
+#include "SkorraRedis/RedisServer.h"
 
 namespace Skorra::test {
 
-class RedisServer {
- public:
-  RedisServer() {
-    char dir[] = "/tmp/zorvek-redis-XXXXXX";
-    if (!mkdtemp(dir)) throw std::runtime_error("mkdtemp failed");
-    dir_ = dir;
-    start();
-  }
-  ~RedisServer() {
-    stop();
-    std::filesystem::remove_all(dir_);
-  }
-  std::string socket() const { return dir_ + "/redis.sock"; }
-  std::string url() const { return "unix://" + socket(); }
-
-  void start() {
-    pid_ = fork();
-    if (pid_ == 0) {
-      // The server goes with the test, however the test ends, and holds none of its output.
-      prctl(PR_SET_PDEATHSIG, SIGTERM);
-      const int null = open("/dev/null", O_RDWR);
-      for (int fd : {0, 1, 2}) dup2(null, fd);
-      const std::string sock = socket(), log = dir_ + "/redis.log";
-      execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", sock.c_str(), "--save",
-             "", "--appendonly", "no", "--dir", dir_.c_str(), "--logfile", log.c_str(),
-             static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    for (int i = 0; i < 500; ++i) {
-      try {
-        RedisConnection(redisAddress(url())).command({"PING"});
-        return;
-      } catch (const DatabaseError&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-    throw std::runtime_error("redis-server did not start on " + socket());
-  }
-  void stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-    std::filesystem::remove(socket());
-  }
-
- private:
-  std::string dir_;
-  pid_t pid_ = -1;
-};
+using Skorra::RedisServer;
 
 // One agent process: its activity loop and its mounts of directories of the shared database.
 struct Agent {
