@@ -17,13 +17,33 @@ KEL_FILE_TRACE_HANDLE("SimChip")
 
 void* memoryAt(PhysicalAddr physAddr) { return reinterpret_cast<void*>(physAddr); }
 
+struct HeapStorage {
+  std::vector<U8> memory;
+  std::vector<AgentId> owners;
+};
+
+SimChip::Storage heapStorage(const Geometry& geometry) {
+  auto heap = std::make_shared<HeapStorage>(
+      HeapStorage{std::vector<U8>(geometry.sizeBytes(), 0),
+                  std::vector<AgentId>(geometry.tableEntrySlots(), Zorvek::kInvalidAgentId)});
+  return {heap->memory, heap->owners, heap};
+}
+
 }  // namespace
 
 SimChip::SimChip(DeviceId devId, Kel::Ptr<const Geometry> geometry)
+    : SimChip(devId, geometry, heapStorage(*geometry)) {}
+
+SimChip::SimChip(DeviceId devId, Kel::Ptr<const Geometry> geometry, Storage storage)
     : devId_(devId),
       geometry_(std::move(geometry)),
-      memory_(geometry_->sizeBytes(), 0),
-      owners_(geometry_->tableEntrySlots(), Zorvek::kInvalidAgentId) {}
+      memory_(storage.memory),
+      owners_(storage.owners),
+      keeper_(std::move(storage.keeper)) {
+  KEL_ASSERT_TEXT(
+      memory_.size() == geometry_->sizeBytes() && owners_.size() == geometry_->tableEntrySlots(),
+      "the storage fits the geometry");
+}
 
 SimChip::~SimChip() = default;
 

@@ -16,13 +16,17 @@
 // agent's entries clears them (all bytes, or only the bytes of a data mask) and their owner.
 // Registers have no owner.
 //
-// Memory is one flat byte vector laid out like the geometry's offset space, and the owners
-// one flat vector of table entries: an access costs one geometry lookup and a copy.
+// Memory is one flat byte array laid out like the geometry's offset space, and the owners
+// one flat array of table entries: an access costs one geometry lookup and a copy. Both live
+// on the chip's own heap, or in a shared-memory segment (sim/ChipSegment.h) that every agent
+// process maps, as the chip's memory outlives a serializer's process. Counters are those of
+// the accesses made through this object, in this process.
 //
 // Used from the agents' activity thread only.
 #pragma once
 
 #include <map>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -47,8 +51,17 @@ class KEL_EXPORT SimChip : public Zorvek::SchanBackend {
     U64 refused = 0;
   };
 
-  // A chip with all memory zero and no entry owned.
+  // Where the memory and the owners live; `keeper` keeps them there while the chip lives.
+  struct Storage {
+    std::span<U8> memory;       // geometry->sizeBytes() bytes
+    std::span<AgentId> owners;  // geometry->tableEntrySlots() owners
+    std::shared_ptr<const void> keeper;
+  };
+
+  // A chip with all memory zero and no entry owned, on its own heap.
   SimChip(DeviceId devId, Kel::Ptr<const Geometry> geometry);
+  // A chip over `storage`, as it is. Asserts "the storage fits the geometry".
+  SimChip(DeviceId devId, Kel::Ptr<const Geometry> geometry, Storage storage);
   DeviceId devId() const { return devId_; }
   const Kel::Ptr<const Geometry>& geometry() const { return geometry_; }
   const Counters& counters() const { return counters_; }
@@ -110,8 +123,9 @@ class KEL_EXPORT SimChip : public Zorvek::SchanBackend {
 
   DeviceId devId_;
   Kel::Ptr<const Geometry> geometry_;
-  std::vector<U8> memory_;       // the offset space of the geometry
-  std::vector<AgentId> owners_;  // per table entry slot (ResourceLayout::firstEntrySlot)
+  std::span<U8> memory_;       // the offset space of the geometry
+  std::span<AgentId> owners_;  // per table entry slot (ResourceLayout::firstEntrySlot)
+  std::shared_ptr<const void> keeper_;
   Counters counters_;
 };
 

@@ -84,8 +84,8 @@ unsigned SimSerializer::serveRing(Ring& ring) {
     static_cast<Zorvek::CommandHeader&>(cmd) = taken.header;
     cmd.dataMask.assign(taken.dataMask.begin(), taken.dataMask.end());
     // A read's data, and a bulk read's entries, are made here and go back through the ring.
-    const bool returnsData = cmd.command == Zorvek::Command::readCmd_ ||
-                             cmd.command == Zorvek::Command::bulkReadCmd_;
+    const bool returnsData =
+        cmd.command == Zorvek::Command::readCmd_ || cmd.command == Zorvek::Command::bulkReadCmd_;
     if (returnsData) {
       cmd.data.assign(cmd.bytes(), 0);
       if (cmd.command == Zorvek::Command::bulkReadCmd_)
@@ -103,8 +103,8 @@ unsigned SimSerializer::serveRing(Ring& ring) {
 bool SimSerializer::waitForCommand(std::chrono::milliseconds timeout) {
   if (rings_.empty()) return false;
   // One ring is waited on; several share the time.
-  const auto slice = std::max(timeout / static_cast<long>(rings_.size()),
-                              std::chrono::milliseconds(1));
+  const auto slice =
+      std::max(timeout / static_cast<long>(rings_.size()), std::chrono::milliseconds(1));
   for (auto& [name, ring] : rings_)
     if (ring.consumer->waitForCommand(slice) == Zorvek::RingWait::done_) return true;
   return false;

@@ -101,6 +101,8 @@ class KEL_EXPORT SimSerializer : public Kel::Entity, public Zorvek::QueueConsume
   // does. Returns the number of commands run.
   unsigned serve();
   void restart();
+  // The queues served through a ring.
+  std::size_t ringsServed() const { return rings_.size(); }
   // Waits until a ring served holds a command, or `timeout` passes; false when none does.
   bool waitForCommand(std::chrono::milliseconds timeout);
   // Detaches every queue and keeps the status for the next process of this serializer.

@@ -25,17 +25,24 @@ Zorvek::RequesterDataMask dataMask(const LogicalResourceDef& res) {
 }  // namespace
 
 SimSwitch::SimSwitch(Topology topology)
+    : SimSwitch(std::move(topology),
+                Processes{Kel::allocate<Skorra::Database>(), Kel::allocate<SimChipSet>(), {}}) {}
+
+SimSwitch::SimSwitch(Topology topology, Processes processes)
     : topology_(std::move(topology)),
-      database_(Kel::allocate<Skorra::Database>()),
-      chips_(Kel::allocate<SimChipSet>()),
+      restarter_(std::move(processes.restarter)),
+      database_(std::move(processes.database)),
+      chips_(std::move(processes.chips)),
       helper_(Kel::allocate<SimDalHelper>()) {
   topology_.validate("topology");
   for (const DeviceDef& d : topology_.devices) {
     const DeviceId devId(d.id);
-    auto geometry =
-        Kel::allocate<Geometry>(Kel::Name("device" + std::to_string(d.id)), d.tables, d.registers);
-    chips_->chipIs(Kel::allocate<SimChip>(devId, geometry));
-    helper_->deviceIs(devId, geometry);
+    Kel::Ptr<SimChip> chip = chips_->chip(devId);
+    if (!chip) {
+      chip = Kel::allocate<SimChip>(devId, deviceGeometry(d));
+      chips_->chipIs(chip);
+    }
+    helper_->deviceIs(devId, chip->geometry());
   }
   database_->entityIs("platform/debug/watchlist",
                       Kel::allocate<Orv::WatchList>(Kel::Name("watchlist")));
@@ -45,7 +52,7 @@ SimSwitch::SimSwitch(Topology topology)
   coprocessorStatusLog_->setRecordIs("cop0", Corvane::Coprocessor(1, 1));
   coprocessorStatusLog_->setRecordIs("cop1", Corvane::Coprocessor(2, 1));
   database_->entityIs(kCoprocessorStatusLogPath, coprocessorStatusLog_);
-  buildSerializers();
+  if (!restarter_) buildSerializers();
   fillCreator();
   Zorvek::schanBackendIs(chips_);
 }
@@ -121,10 +128,13 @@ Kel::Ptr<SimSerializer> SimSwitch::owner(const PhysicalResourceId& table) const 
   return nullptr;
 }
 
-void SimSwitch::restart(std::string_view serializerName) {
+U64 SimSwitch::restart(std::string_view serializerName) {
+  if (!topology_.serializer(serializerName))
+    throw std::invalid_argument("no serializer named '" + std::string(serializerName) + "'");
+  if (restarter_) return restarter_(serializerName);
   const Kel::Ptr<SimSerializer> s = serializer(serializerName);
-  if (!s) throw std::invalid_argument("no serializer named '" + std::string(serializerName) + "'");
   s->restart();
+  return s->restartCount();
 }
 
 SimOptArg SimSwitch::optArg(DeviceId devId, DeviceOffset offset) const {

@@ -12,10 +12,16 @@
 //   dal->dalWrite(Zorvek::oneDeviceMask(DeviceId(0)), offset, size, data, &arg);
 //   sw.restart("l2ser");                               // the remote DAL replays its shadow
 //
+// Serializers as processes: a switch made with Processes builds no serializer. Its
+// serializers are zorvek-serializer processes that share the state database and the chips
+// (a sim::ChipSegment) with this one, serve their queues by themselves, and are restarted by
+// `restarter`, which returns once this agent heard of the new restart count.
+//
 // One switch at a time per process: the chips are the process's S-channel backend while the
 // switch lives. Used from one thread.
 #pragma once
 
+#include <functional>
 #include <string_view>
 #include <vector>
 
@@ -36,8 +42,17 @@ class KEL_EXPORT SimSwitch {
   // Where the switch publishes its coprocessor status log.
   static constexpr const char* kCoprocessorStatusLogPath = "platform/coprocessor/statusLog";
 
+  struct Processes {
+    Kel::Ptr<Skorra::Database> database;
+    Kel::Ptr<SimChipSet> chips;
+    // Restarts the serializer of that name; returns its restart count after.
+    std::function<U64(std::string_view)> restarter;
+  };
+
   // Validates the topology (TopologyError) and builds the switch.
   explicit SimSwitch(Topology topology);
+  // The same, with the serializers in processes of their own.
+  SimSwitch(Topology topology, Processes processes);
   ~SimSwitch();
   SimSwitch(const SimSwitch&) = delete;
   SimSwitch& operator=(const SimSwitch&) = delete;
@@ -61,10 +76,12 @@ class KEL_EXPORT SimSwitch {
   // What a hosting agent does: doMounts, complete the mounts, demuxDal(), then the helper and
   // a cold initLocalCache on every device. Each call builds a new tree.
   Kel::Ptr<Zorvek::DemuxDal> buildDal();
-  // Lets every serializer execute what its queues hold; returns the commands executed.
+  // Lets every serializer of this process execute what its queues hold; returns the
+  // commands executed.
   unsigned serve();
-  // Restarts a serializer by name; throws std::invalid_argument for an unknown name.
-  void restart(std::string_view serializerName);
+  // Restarts a serializer by name and returns its restart count after; throws
+  // std::invalid_argument for an unknown name.
+  U64 restart(std::string_view serializerName);
   // The optional argument of an access at `offset` of `devId`.
   SimOptArg optArg(DeviceId devId, DeviceOffset offset) const;
 
@@ -73,6 +90,7 @@ class KEL_EXPORT SimSwitch {
   void fillCreator();
 
   Topology topology_;
+  std::function<U64(std::string_view)> restarter_;
   Kel::Ptr<Skorra::Database> database_;
   Kel::Ptr<SimChipSet> chips_;
   Kel::Ptr<SimDalHelper> helper_;

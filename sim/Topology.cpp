@@ -534,4 +534,9 @@ Topology Topology::embeddedDefault() {
   return t;
 }
 
+Kel::Ptr<const Geometry> deviceGeometry(const DeviceDef& device) {
+  return Kel::allocate<Geometry>(Kel::Name("device" + std::to_string(device.id)), device.tables,
+                                 device.registers);
+}
+
 }  // namespace sim

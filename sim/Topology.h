@@ -90,4 +90,7 @@ struct KEL_EXPORT Topology {
   friend bool operator==(const Topology&, const Topology&);
 };
 
+// The geometry of a device of a topology, named "device<id>".
+KEL_EXPORT Kel::Ptr<const Geometry> deviceGeometry(const DeviceDef& device);
+
 }  // namespace sim

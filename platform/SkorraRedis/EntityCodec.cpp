@@ -35,8 +35,8 @@ U64 numberField(const Fields& f, std::string_view field, std::string_view type) 
 const std::string& textField(const Fields& f, std::string_view field, std::string_view type) {
   const auto it = f.find(std::string(field));
   if (it == f.end())
-    throw DatabaseError("Skorra: a " + std::string(type) + " has no field \"" +
-                        std::string(field) + "\"");
+    throw DatabaseError("Skorra: a " + std::string(type) + " has no field \"" + std::string(field) +
+                        "\"");
   return it->second;
 }
 

@@ -4,7 +4,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -123,16 +125,36 @@ const std::string& dirType() { return Kel::Dir::staticType().name(); }
 
 // Sets a flag for the life of a scope: "these changes come from the state database" (or,
 // set false inside such a scope, "this one is ours to share").
+// Marks a path whose entities change because the server said so, while the change is
+// applied: those changes are not shared back. What the agent's own code changes elsewhere
+// meanwhile (a serializer that serves a queue as its registration arrives) is its own, and
+// is shared.
 class Applying {
  public:
-  Applying(bool& flag, bool v) : flag_(flag), was_(std::exchange(flag, v)) {}
-  ~Applying() { flag_ = was_; }
+  Applying(std::vector<std::string>& paths, std::string path) : paths_(paths) {
+    paths_.push_back(std::move(path));
+  }
+  ~Applying() { paths_.pop_back(); }
   Applying(const Applying&) = delete;
   Applying& operator=(const Applying&) = delete;
 
  private:
-  bool& flag_;
-  bool was_;
+  std::vector<std::string>& paths_;
+};
+
+// Shares every change made while it lives, whatever is being applied around it.
+class Sharing {
+ public:
+  explicit Sharing(std::vector<std::string>& paths) : paths_(paths), saved_(std::move(paths)) {
+    paths_.clear();
+  }
+  ~Sharing() { paths_ = std::move(saved_); }
+  Sharing(const Sharing&) = delete;
+  Sharing& operator=(const Sharing&) = delete;
+
+ private:
+  std::vector<std::string>& paths_;
+  std::vector<std::string> saved_;
 };
 
 std::string randomOrigin() {
@@ -247,13 +269,14 @@ void RedisBackend::mountIs(Database& database, const Mount& mount) {
   mirrors_.push_back(std::move(mirror));
   const bool writable = writableMirrorOf(path) != nullptr;
   if (!covered) {
-    const Applying applying(applying_, true);
+    const Applying applying(applying_, path);
     reconcile(path, snap, writable ? Missing::publish : Missing::keep);
   }
   const Kel::Ptr<Kel::Dir> parent = parentDir(path);
   if (!parent->entity(leaf) && mount.typeName() == dirType()) {
     // An absent directory is made here; it is shared only through a writable mount.
-    const Applying applying(applying_, !writable);
+    std::optional<Applying> applying;
+    if (!writable) applying.emplace(applying_, path);
     const auto dir = Kel::allocate<Kel::Dir>(Kel::Name(leaf));
     parent->entityIs(leaf, dir);
     if (!writable) trackTree(path, dir);
@@ -347,7 +370,7 @@ void RedisBackend::reconcile(const std::string& path, const Snapshot& snap, Miss
       parent->entityDel(leaf);
       untrack(path);
     } else if (missing == Missing::publish) {
-      const Applying sharing(applying_, false);
+      const Sharing sharing(applying_);
       localChild(parentOf(path), *parent, leaf);
     } else {
       trackTree(path, current);
@@ -417,7 +440,7 @@ void RedisBackend::guardIs(Node& node, const std::string& path) {
 }
 
 void RedisBackend::writeCheck(const std::string& path, std::string_view what) const {
-  if (applying_ || writableMirrorOf(path)) return;
+  if (applied(path) || writableMirrorOf(path)) return;
   const Mirror* m = mirrorOf(path);
   const std::string mode = m ? m->mode : std::string();
   throw MountError(path, mode,
@@ -427,8 +450,8 @@ void RedisBackend::writeCheck(const std::string& path, std::string_view what) co
 
 void RedisBackend::localChild(const std::string& dirPath, const Kel::Dir& dir,
                               const Kel::String& name) {
-  if (applying_) return;
   const std::string path = childOf(dirPath, name);
+  if (applied(path)) return;
   if (!mirrorOf(path)) return;
   writeCheck(path, "the entry");
   const Kel::Ptr<Kel::Entity> child = dir.entity(name);
@@ -479,8 +502,13 @@ void RedisBackend::publishSubtree(const std::string& path, const Kel::Ptr<Kel::E
     for (const auto& [name, child] : *dir) publishSubtree(childOf(path, name), child, ops);
 }
 
+bool RedisBackend::applied(const std::string& path) const {
+  return std::any_of(applying_.begin(), applying_.end(),
+                     [&](const std::string& root) { return within(path, root); });
+}
+
 void RedisBackend::localField(const std::string& path, const std::string& field) {
-  if (applying_) return;
+  if (applied(path)) return;
   writeCheck(path, field);
   const Node& node = nodes_.at(path);
   const Fields fields = node.codec->fields(*node.entity);
@@ -594,12 +622,10 @@ void RedisBackend::recover() {
   std::vector<std::pair<std::size_t, Snapshot>> snaps;
   for (std::size_t i = 0; i < mirrors_.size(); ++i)
     if (mirrors_[i].subscribed) snaps.emplace_back(i, snapshot(mirrors_[i].path));
-  {
-    const Applying applying(applying_, true);
-    for (const auto& [i, snap] : snaps) {
-      mirrors_[i].seq = snap.seq;
-      reconcile(mirrors_[i].path, snap, restarted ? Missing::keep : Missing::remove);
-    }
+  for (const auto& [i, snap] : snaps) {
+    const Applying applying(applying_, mirrors_[i].path);
+    mirrors_[i].seq = snap.seq;
+    reconcile(mirrors_[i].path, snap, restarted ? Missing::keep : Missing::remove);
   }
   handlePending();
 }
@@ -620,7 +646,7 @@ void RedisBackend::handleChange(std::string_view payload) {
   const Mirror* mirror = mirrorOf(path);
   if (!mirror || seq <= mirror->seq) return;
   DUWISP_TRACE(th(), 7, "handleChange %s %s %s %s", seq, parts[2], path, parts[4]);
-  const Applying applying(applying_, true);
+  const Applying applying(applying_, path);
   const char op = parts[2].empty() ? ' ' : parts[2][0];
   if (op == 'c' || op == 'x') {
     eraseSubtree(owned_, path);

@@ -132,6 +132,8 @@ class KEL_EXPORT RedisBackend : public Backend {
   void untrack(const std::string& path);
   void guardIs(Node& node, const std::string& path);
   void writeCheck(const std::string& path, std::string_view what) const;
+  // Whether a change at `path` is one being applied from the server.
+  bool applied(const std::string& path) const;
   void localChild(const std::string& dirPath, const Kel::Dir& dir, const Kel::String& name);
   void localField(const std::string& path, const std::string& field);
   void publishSubtree(const std::string& path, const Kel::Ptr<Kel::Entity>& entity,
@@ -154,7 +156,8 @@ class KEL_EXPORT RedisBackend : public Backend {
   std::map<std::string, std::set<std::string>> owned_;
   std::uint64_t lastSeq_ = 0;
   std::uint64_t reconnects_ = 0;
-  bool applying_ = false;
+  // The paths whose changes from the server are being applied (see Applying).
+  std::vector<std::string> applying_;
   std::vector<std::string> pending_;  // changes that arrived while a subscription was made
   std::string writeSha_;
   std::string snapshotSha_;

@@ -85,16 +85,31 @@ class TwoAgentsTest : public ::testing::Test {
   int steps[2] = {-1, -1};
 };
 
+// Serves every queue it is attached to, in the status it publishes.
+struct StatusConsumer : Zorvek::QueueConsumer {
+  explicit StatusConsumer(Kel::Ptr<SerializerStatus> s) : status(std::move(s)) {}
+  bool commandExecute(const Zorvek::RequesterQueue&, Zorvek::QueueCommand&) override {
+    return true;
+  }
+  void queueAttached(Zorvek::RequesterQueue& queue) override {
+    status->servedQueueIs(queue.name());
+  }
+  Kel::Ptr<SerializerStatus> status;
+};
+
 // The serializer s1 in its own process: publishes its status, serves the queue a7-s1-Queue
-// once that is registered in its configuration directory, then restarts at each step.
+// as its registration arrives (a reaction to another agent's change, which is shared in its
+// turn), then restarts at each step.
 int serializerAgent(const std::string& url, int steps) {
   Agent s1(url, {{"s1/config", "ri"}, {"s1/status", "wi"}});
-  const auto status = Kel::allocate<SerializerStatus>(Kel::Name("s1"));
-  s1.at<Kel::Dir>("s1/status")->entityIs(Kel::String(SerializerStatus::kEntryName), status);
+  StatusConsumer consumer(Kel::allocate<SerializerStatus>(Kel::Name("s1")));
   const auto config = s1.at<const Kel::Dir>("s1/config");
-  if (!runUntil(s1.loop, [&] { return config->entity(kQueue) != nullptr; })) return 2;
-  status->servedQueueIs(kQueue);
-  while (awaitStep(steps)) status->restartCountInc(1);
+  const auto attacher = Kel::allocate<Zorvek::QueueAttacher>(config, &consumer);
+  // Published once the attacher follows the directory: the test registers its queue then.
+  s1.at<Kel::Dir>("s1/status")
+      ->entityIs(Kel::String(SerializerStatus::kEntryName), consumer.status);
+  if (!runUntil(s1.loop, [&] { return consumer.status->servedQueue(kQueue); })) return 2;
+  while (awaitStep(steps)) consumer.status->restartCountInc(1);
   return 0;
 }
 
@@ -102,6 +117,8 @@ TEST_F(TwoAgentsTest, ASerializerInAnotherProcessMakesTheRequesterReadyAndItsRes
   using namespace sim::test;
   const pid_t s1 = fork([&](int fd) { return serializerAgent(server.url(), fd); });
   Agent agent(server.url(), {{"s1/config", "wi"}, {"s1/status", "ri"}});
+  const auto statusDir = agent.at<const Kel::Dir>("s1/status");
+  ASSERT_TRUE(runUntil(agent.loop, [&] { return statusDir->entities() == 1; }));
   const auto queue = Kel::allocate<Zorvek::QueueRequester>(
       kQueue, AgentId(7), 8, Zorvek::DalId(1), nullptr, nullptr, Zorvek::IoMemType::queueMemory_,
       agent.at<Kel::Dir>("s1/config"), agent.at<const Kel::Dir>("s1/status"), "s1-kick",

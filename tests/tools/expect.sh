@@ -3,9 +3,13 @@
 # command's output, and exits 1 in that case.
 #
 #   expect.sh [--rc N] [--out REGEX]... [--err REGEX]... [--no-out] [--no-err]
-#             [--one-err-line] [--save-out FILE] -- COMMAND [ARGS...]
+#             [--one-err-line] [--save-out FILE] [--interrupt-after SECONDS]
+#             [--no-leftovers] -- COMMAND [ARGS...]
 #
 # REGEX is an extended regular expression (grep -E) that some line must match.
+# --interrupt-after sends the command SIGINT after that long. --no-leftovers checks, once the
+# command ended, that nothing named after its pid is left: no process (zorvek-serializer,
+# redis-server), no shared-memory segment, no directory in /tmp.
 set -uo pipefail
 
 rc=0
@@ -15,6 +19,8 @@ no_out=0
 no_err=0
 one_err_line=0
 save_out=""
+interrupt_after=""
+no_leftovers=0
 while [ $# -gt 0 ] && [ "$1" != "--" ]; do
   case "$1" in
     --rc) rc="$2"; shift 2 ;;
@@ -24,6 +30,8 @@ while [ $# -gt 0 ] && [ "$1" != "--" ]; do
     --no-err) no_err=1; shift ;;
     --one-err-line) one_err_line=1; shift ;;
     --save-out) save_out="$2"; shift 2 ;;
+    --interrupt-after) interrupt_after="$2"; shift 2 ;;
+    --no-leftovers) no_leftovers=1; shift ;;
     *) echo "expect.sh: unknown option $1" >&2; exit 2 ;;
   esac
 done
@@ -32,11 +40,25 @@ shift
 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-"$@" >"$tmp/out" 2>"$tmp/err"
+"$@" >"$tmp/out" 2>"$tmp/err" &
+pid=$!
+if [ -n "$interrupt_after" ]; then
+  sleep "$interrupt_after"
+  kill -INT "$pid" 2>/dev/null
+fi
+wait "$pid"
 got=$?
 
 failed=()
 [ "$got" -eq "$rc" ] || failed+=("exit code $got, expected $rc")
+if [ "$no_leftovers" -eq 1 ]; then
+  left=$(pgrep -af "zorvek-$pid-" | grep -v pgrep)
+  [ -z "$left" ] || failed+=("processes left behind: $left")
+  left=$(ls /dev/shm | grep "^zorvek-$pid-")
+  [ -z "$left" ] || failed+=("shared-memory segments left behind: $left")
+  left=$(ls -d /tmp/zorvek-"$pid"-* 2>/dev/null)
+  [ -z "$left" ] || failed+=("directories left behind: $left")
+fi
 for re in ${outs[@]+"${outs[@]}"}; do
   grep -Eq -- "$re" "$tmp/out" || failed+=("no stdout line matches: $re")
 done

@@ -24,6 +24,10 @@ struct RunOptions {
   std::string traceFile;                        // where to dump the ring; empty: nowhere
   TraceFormat traceFormat = TraceFormat::ring;  // of traceFile: ring or chrome
   bool json = false;
+  // Every serializer in a zorvek-serializer process of its own, sharing a private
+  // redis-server and the chips in shared memory with this process, the DAL's agent.
+  bool processes = false;
+  std::string serializerBin;  // empty: zorvek-serializer next to zorvek-sim, or on the PATH
 };
 
 // Builds the switch and its DAL, runs the workload and checks the chip; see RunOptions.

@@ -5,6 +5,8 @@
 //      entry the agent wrote is not on the chip, or (check) the topology is not valid
 //   2  bad input: a topology file that cannot be read or used, or an option that names
 //      something the topology does not have
+//   3  the run could not go on: a process it started, or its state database, failed
+//   130  interrupted (Ctrl-C or SIGTERM); everything the run started is torn down
 // Bad flags exit with CLI11's own codes.
 #pragma once
 
@@ -12,7 +14,13 @@
 
 namespace simtool {
 
-enum ExitCode : int { kSuccess = 0, kCheckFailed = 1, kBadInput = 2 };
+enum ExitCode : int {
+  kSuccess = 0,
+  kCheckFailed = 1,
+  kBadInput = 2,
+  kRunFailed = 3,
+  kInterrupted = 130
+};
 
 // Input that the command cannot run on; what() is the one message the user sees.
 class BadInput : public std::runtime_error {

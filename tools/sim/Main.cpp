@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "ExitCode.h"
+#include "Interrupt.h"
 #include "sim/Topology.h"
 
 namespace {
@@ -69,6 +70,12 @@ void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix, std::string& 
                   "What --trace-file holds: the dumped ring, or trace-event JSON for Perfetto's "
                   "UI or chrome://tracing");
   run.add_flag("--json", o.json, "Print the report as JSON");
+  run.add_flag("--processes", o.processes,
+               "Run every serializer as a zorvek-serializer process, with a private "
+               "redis-server as the state database and the chips in shared memory");
+  run.add_option("--serializer-bin", o.serializerBin,
+                 "The zorvek-serializer program of --processes (default: the one next to "
+                 "zorvek-sim, else on the PATH)");
 }
 
 }  // namespace
@@ -111,6 +118,12 @@ int main(int argc, char** argv) {
   } catch (const BadInput& e) {
     std::cerr << "zorvek-sim: " << e.what() << "\n";
     return kBadInput;
+  } catch (const Interrupted&) {
+    std::cerr << "zorvek-sim: interrupted; everything the run started is stopped\n";
+    return kInterrupted;
+  } catch (const std::exception& e) {
+    std::cerr << "zorvek-sim: " << e.what() << "\n";
+    return kRunFailed;
   }
   return kSuccess;
 }

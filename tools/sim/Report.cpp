@@ -54,6 +54,15 @@ RequesterLine schanLine(const Zorvek::SchanRequester& r) {
 
 RequesterLine queueLine(const sim::SimSwitch& sw, const Zorvek::Requester& r) {
   RequesterLine line{r.name(), "", r.cmdIndex() - 1, 0, 0, 0};
+  const auto* queued = dynamic_cast<const Zorvek::QueueRequester*>(&r);
+  if (const Zorvek::CommandRingProducer* ring = queued ? queued->ring() : nullptr) {
+    // The serializer is another process: the ring counts what it did.
+    for (const sim::SerializerDef& s : sw.topology().serializers)
+      if (sw.database()->entity(s.configDir + "/" + r.name())) line.serializer = s.name;
+    line.executed = ring->executedCmds() - ring->failedCmds();
+    line.failed = ring->failedCmds();
+    return line;
+  }
   for (const auto& s : sw.serializers()) {
     auto it = s->queueCounters().find(r.name());
     if (it == s->queueCounters().end()) continue;
@@ -90,6 +99,8 @@ std::vector<std::string> RunReport::failures() const {
       why.push_back(std::to_string(r.commands - r.executed - r.failed) + " commands of " + r.name +
                     " never ran");
   }
+  for (const ProcessLine& p : processes)
+    if (p.failed) why.push_back(p.name + " (pid " + std::to_string(p.pid) + ") " + p.state);
   if (!check.ok())
     why.push_back(std::to_string(check.mismatches.size()) + " of " + std::to_string(check.entries) +
                   " entries written are not on the chip");
@@ -168,6 +179,14 @@ void printRestarts(const RunReport& r, std::ostream& out) {
         << " entries\n";
 }
 
+void printProcesses(const RunReport& r, std::ostream& out) {
+  if (r.processes.empty()) return;
+  out << "\nprocesses\n";
+  for (const ProcessLine& p : r.processes)
+    out << "  " << std::left << std::setw(14) << p.name << std::right << " pid " << std::setw(7)
+        << p.pid << "  " << p.state << "\n";
+}
+
 void printCheck(const RunReport& r, std::ostream& out) {
   const ChipCheck& c = r.check;
   out << "\nchip check: ";
@@ -206,6 +225,7 @@ void printText(const RunReport& r, std::ostream& out) {
   printDals(r, out);
   printRequesters(r, out);
   printRestarts(r, out);
+  printProcesses(r, out);
   printCheck(r, out);
   const std::vector<std::string> why = r.failures();
   out << "\nresult: " << (why.empty() ? "ok" : "FAILED") << "\n";
@@ -287,6 +307,10 @@ void printJson(const RunReport& r, std::ostream& out) {
                              {"atAccess", s.atAccess},
                              {"restartCount", s.restartCount},
                              {"replayedEntries", s.replayedEntries}});
+  j["processes"] = Json::array();
+  for (const ProcessLine& p : r.processes)
+    j["processes"].push_back(
+        {{"name", p.name}, {"pid", p.pid}, {"state", p.state}, {"failed", p.failed}});
   j["chipCheck"] = checkJson(r.check);
   j["failures"] = r.failures();
   j["ok"] = r.ok();

@@ -36,6 +36,17 @@ struct RequesterLine {
   U64 heldBack;
 };
 
+// A process of a run whose serializers are processes: its name (a serializer's, or
+// "redis-server"), its pid, and its state when the report was made ("running", "stopped for
+// a restart", "exited with status 1", "killed by signal 9"). One that ended by itself fails
+// the run.
+struct ProcessLine {
+  std::string name;
+  long pid;
+  std::string state;
+  bool failed;
+};
+
 struct RunReport {
   std::string topology;  // the file, or "embedded default"
   std::size_t devices;
@@ -51,9 +62,10 @@ struct RunReport {
   std::vector<RequesterLine> requesters{};
   std::vector<Restart> restarts;
   ChipCheck check;
-  std::string stateDump{};           // laid out; empty unless asked for
-  std::vector<std::string> trace{};  // decoded ring records; empty unless asked for
-  U64 traceRecords = 0;              // records in the ring
+  std::vector<ProcessLine> processes{};  // empty when everything ran in this process
+  std::string stateDump{};               // laid out; empty unless asked for
+  std::vector<std::string> trace{};      // decoded ring records; empty unless asked for
+  U64 traceRecords = 0;                  // records in the ring
 
   double accessesPerSecond() const;
   // Why the run failed, one line each; empty when everything passed.

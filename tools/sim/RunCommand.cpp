@@ -6,14 +6,18 @@
 #include "Commands.h"
 #include "DumpFormat.h"
 #include "ExitCode.h"
+#include "Interrupt.h"
 #include "Kel/ActivityLoop.h"
 #include "Kel/Trace.h"
 #include "Kwisp/Kwisp.h"
 #include "Report.h"
+#include "Supervisor.h"
 
 namespace simtool {
 
 namespace {
+
+constexpr auto kReadyLimit = std::chrono::seconds(20);
 
 sim::Topology loadTopology(const RunOptions& options) {
   if (options.topologyPath.empty()) return sim::Topology::embeddedDefault();
@@ -44,9 +48,9 @@ std::vector<std::string> lastRecords(std::size_t n) {
   return records;
 }
 
-int runOnLoop(const RunOptions& options, const sim::Topology& topology, std::ostream& out) {
-  sim::SimSwitch sw(topology);
-  const Kel::Ptr<Zorvek::DemuxDal> dal = sw.buildDal();
+// Runs the workload through the DAL of `sw`, checks the chip and prints the report.
+int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorvek::DemuxDal>& dal,
+              Supervisor* supervisor, std::ostream& out) {
   Workload workload(sw, dal, options.workload);
   if (dal->ready()) {
     Progress progress(options.workload.accesses, Progress::wanted(options.workload.accesses));
@@ -54,6 +58,7 @@ int runOnLoop(const RunOptions& options, const sim::Topology& topology, std::ost
   }
   RunReport report =
       makeReport(options.workload.source, sw, *dal, workload, checkChip(sw, workload.written()));
+  if (supervisor) report.processes = supervisor->processLines();
   if (options.dump) report.stateDump = formatDump(stateDump(*dal));
   if (options.trace) {
     report.trace = lastRecords(options.traceRecords);
@@ -68,6 +73,21 @@ int runOnLoop(const RunOptions& options, const sim::Topology& topology, std::ost
   return report.ok() ? kSuccess : kCheckFailed;
 }
 
+int runOnLoop(const RunOptions& options, const sim::Topology& topology, Kel::ActivityLoop& loop,
+              std::ostream& out) {
+  if (!options.processes) {
+    sim::SimSwitch sw(topology);
+    return runSwitch(options, sw, sw.buildDal(), nullptr, out);
+  }
+  // The supervisor goes last: the switch withdraws its queues and rings first.
+  Supervisor supervisor(topology, options.topologyPath, options.serializerBin, loop);
+  sim::SimSwitch sw(topology, supervisor.switchProcesses());
+  const Kel::Ptr<Zorvek::DemuxDal> dal = sw.buildDal();
+  // Ready once every serializer process serves its queue; the report says which is not.
+  supervisor.runUntil([&] { return dal->ready(); }, kReadyLimit);
+  return runSwitch(options, sw, dal, &supervisor, out);
+}
+
 }  // namespace
 
 int runCommand(RunOptions options, std::ostream& out) {
@@ -80,13 +100,15 @@ int runCommand(RunOptions options, std::ostream& out) {
   }
   options.workload.source =
       options.topologyPath.empty() ? "embedded default" : options.topologyPath;
+  checkRestarts(topology, options.workload);
 
   // The agent's DAL code runs on its activity loop, as in every agent program: here the
   // whole run is one task of it.
   Kel::ActivityLoop loop;
+  const InterruptCatcher interrupts;
   int exitCode = kSuccess;
   loop.post([&] {
-    exitCode = runOnLoop(options, topology, out);
+    exitCode = runOnLoop(options, topology, loop, out);
     loop.stop();
   });
   loop.run();

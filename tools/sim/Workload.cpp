@@ -1,5 +1,7 @@
 #include "Workload.h"
 
+#include "Interrupt.h"
+
 #include <algorithm>
 #include <chrono>
 
@@ -31,15 +33,19 @@ const char* accessKindName(AccessKind kind) {
   return "?";
 }
 
-Workload::Workload(sim::SimSwitch& sw, Kel::Ptr<Zorvek::DemuxDal> dal, WorkloadOptions options)
-    : sw_(sw), dal_(std::move(dal)), options_(std::move(options)), rng_(options_.seed) {
-  for (const std::string& name : options_.restarts)
-    if (!sw_.serializer(name)) {
+void checkRestarts(const sim::Topology& topology, const WorkloadOptions& options) {
+  for (const std::string& name : options.restarts)
+    if (!topology.serializer(name)) {
       std::string known;
-      for (const auto& s : sw_.serializers()) known += (known.empty() ? "" : ", ") + s->name();
-      throw BadInput("--restart " + name + ": " + options_.source + " has no serializer named '" +
+      for (const auto& s : topology.serializers) known += (known.empty() ? "" : ", ") + s.name;
+      throw BadInput("--restart " + name + ": " + options.source + " has no serializer named '" +
                      name + "' (it has: " + (known.empty() ? "none" : known) + ")");
     }
+}
+
+Workload::Workload(sim::SimSwitch& sw, Kel::Ptr<Zorvek::DemuxDal> dal, WorkloadOptions options)
+    : sw_(sw), dal_(std::move(dal)), options_(std::move(options)), rng_(options_.seed) {
+  checkRestarts(sw_.topology(), options_);
   routes_.push_back({dal_->defaultDal(), {}, {}});
   for (const sim::DeviceDef& d : sw_.topology().devices) addTargets(DeviceId(d.id));
   checkRunnable();
@@ -116,6 +122,7 @@ void Workload::run(Progress& progress) {
   for (U64 i = 0;; ++i) {
     if (i == restartPoint) restartAll(i);
     if (i == total) break;
+    throwIfInterrupted();
     const AccessKind kind = nextKind();
     ++accesses_[static_cast<std::size_t>(kind)];
     if (access(kind) != 0) ++failed_[static_cast<std::size_t>(kind)];
@@ -214,9 +221,8 @@ void Workload::restartAll(U64 atAccess) {
     // The replay runs inside the restart: the remote DALs hear the new restart count and
     // queue their shadows at once.
     const U64 before = remoteCommandIndexes();
-    sw_.restart(name);
-    restartsDone_.push_back(
-        {name, atAccess, sw_.serializer(name)->restartCount(), remoteCommandIndexes() - before});
+    const U64 restartCount = sw_.restart(name);
+    restartsDone_.push_back({name, atAccess, restartCount, remoteCommandIndexes() - before});
   }
 }
 

@@ -80,6 +80,9 @@ struct WrittenEntry {
 // Keyed by (device, offset of the entry).
 using WrittenEntries = std::map<std::pair<unsigned, DeviceOffset>, WrittenEntry>;
 
+// Throws BadInput for a restart of a serializer that the topology does not have.
+void checkRestarts(const sim::Topology& topology, const WorkloadOptions& options);
+
 class Workload {
  public:
   // Routes every resource and checks that the options can run on this switch: throws
