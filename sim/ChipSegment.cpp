@@ -105,7 +105,8 @@ std::string mismatch(const U8* base, std::size_t bytes, const Plan& plan) {
   if (h.devices != plan.entries.size())
     return "laid out for " + std::to_string(h.devices) + " devices, the topology has " +
            std::to_string(plan.entries.size());
-  if (bytes < plan.bytes) return "not a chip segment (truncated)";
+  if (bytes < sizeof h + plan.entries.size() * sizeof(DeviceEntry))
+    return "not a chip segment (truncated)";
   for (std::size_t i = 0; i < plan.entries.size(); ++i) {
     DeviceEntry e;
     std::memcpy(&e, base + sizeof h + i * sizeof e, sizeof e);
@@ -121,6 +122,7 @@ std::string mismatch(const U8* base, std::size_t bytes, const Plan& plan) {
     if (e.memoryAt != want.memoryAt || e.ownersAt != want.ownersAt)
       return device + " lies elsewhere in the segment";
   }
+  if (bytes < plan.bytes) return "not a chip segment (truncated)";
   return "";
 }
 
