@@ -141,7 +141,19 @@ S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataByte
   }
   header.cmdIndex = cmdIndex();
   if (ring_) {
-    if (!ringEnqueue(header, data, dataBytes, mask, maskBytes)) return -1;
+    if (!ringEnqueue(header, data, dataBytes, mask, maskBytes)) {
+      // The serializer's process is gone with the ring full. Its next process discards what
+      // the ring holds, so a command that needs no answer is dropped as it would be; the
+      // remote DAL's replay restores what its shadow keeps. One that needs an answer fails.
+      const bool answered = header.command == Command::readCmd_ ||
+                            header.command == Command::blockingWriteCmd_ ||
+                            header.command == Command::bulkReadCmd_;
+      DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s cmdIndex %s %s: the ring is full",
+                   name(), commandName(header.command), header.cmdIndex,
+                   answered ? "failed" : "dropped");
+      if (answered) return -1;
+      droppedThrough_ = header.cmdIndex;
+    }
   } else {
     if (queue_->full()) {
       DUWISP_TRACE(th(), 8, "QueueRequester::enqueue %s queue full, draining", name());
@@ -167,19 +179,23 @@ S64 QueueRequester::enqueue(CommandHeader header, const void* data, U32 dataByte
 bool QueueRequester::ringEnqueue(const CommandHeader& header, const void* data, U32 dataBytes,
                                  const void* mask, U32 maskBytes) {
   const U32 payload = (data ? dataBytes : 0) + (mask ? maskBytes : 0);
-  for (bool retried = false;;) {
+  for (;;) {
     if (ring_->tryEnqueue(header, data, dataBytes, mask, maskBytes)) return true;
     const RingWait wait = ring_->waitForSpace(payload);
     if (wait == RingWait::done_) continue;
-    // A new serializer process discarded what the ring held: there is room again.
-    if (wait == RingWait::generationChanged_ && !std::exchange(retried, true)) continue;
-    DUWISP_TRACE(th(), 3, "QueueRequester::enqueue %s %s ring full: %s", name(),
-                 commandName(header.command), ringWaitName(wait));
+    // A new serializer process that lives empties the ring as it starts: room comes at once,
+    // before this requester hears of the restart.
+    if (wait == RingWait::generationChanged_ && ring_->consumerAlive()) continue;
     return false;
   }
 }
 
 bool QueueRequester::ringWait(const char* what, U64 index) {
+  if (index <= droppedThrough_ && index > ring_->lastExecutedIndex()) {
+    DUWISP_TRACE(th(), 3, "QueueRequester::%s %s cmdIndex %s has not run: dropped", what, name(),
+                 index);
+    return false;
+  }
   const RingWait wait = ring_->waitForIndex(index);
   if (wait == RingWait::done_) return true;
   DUWISP_TRACE(th(), 3, "QueueRequester::%s %s cmdIndex %s has not run: %s", what, name(), index,

@@ -31,7 +31,10 @@
 // commands there, later. Commands then wait only for ring space; a wait (waitForCmdIndex,
 // read, blockingWrite, bulkRead, which needs its entries back at once, and a full ring)
 // ends when the command ran, and also when the serializer's process is gone or a new one
-// started (the command failed or is lost: a level 3 trace). A new serializer process starts
+// started (the command failed or is lost: a level 3 trace). A command that finds the ring
+// full and its serializer's process gone is dropped (a write, bulk write or free: the next
+// process would discard it from the ring anyway) or fails (a read, blocking write or bulk
+// read). A new serializer process starts
 // a new generation of the ring, which the requester accepts when the serializer's status
 // tells it that its queue is served or its restart count changed; the restart count then
 // makes the remote DAL replay its shadow. A bulk write without data copies the entries
@@ -154,6 +157,8 @@ class KEL_EXPORT QueueRequester : public Requester {
   Kel::String kickName_;
   Kel::Ptr<RequesterQueue> queue_;
   std::unique_ptr<CommandRingProducer> ring_;
+  // The last command dropped for a full ring whose serializer was gone (0: none).
+  U64 droppedThrough_ = 0;
   Kel::Ptr<const SerializerStatus> serializerStatus_;
   Kel::Ptr<KelStatusDir> kelStatusDir_;
   Kel::Ptr<KelSerializerStatus> kelSerializerStatus_;

@@ -161,6 +161,32 @@ TEST_P(InFlightTest, ACommandInFlightWhenTheSerializerDiesNeverRunsAndNoWaitHang
 INSTANTIATE_TEST_SUITE_P(Kinds, InFlightTest, ValuesIn(kCases),
                          [](const TestParamInfo<InFlightCase>& info) { return info.param.name; });
 
+// With the serializer's process gone and the ring full, writes go on (dropped: the next
+// process would discard them, the replay restores them) and a read fails; no wait hangs.
+TEST_F(QueueRingTest, AFullRingWhoseSerializerIsGoneDropsWritesAndFailsReads) {
+  const doubles::DalTrace trace("ZorvekQueueRequester");
+  Child gone([&] {
+    CommandRingConsumer consumer(requester->ring()->name());
+    return 0;
+  });
+  consumerStarted(1, false);
+  EXPECT_EQ(gone.exitStatus(), 0);
+  const U32 commands = requester->ring()->capacity() / CommandRing::recordBytes(kEntry) + 1;
+  S64 last = 0;
+  for (U32 i = 0; i < commands; ++i) {
+    last = requester->write(oneDeviceMask(DeviceId(0)), kTable, 0, gData, nullptr, kEntry, false);
+    ASSERT_GT(last, 0) << "write " << i;
+  }
+  EXPECT_TRUE(
+      trace.contains("write cmdIndex " + std::to_string(last) + " dropped: the ring is full"));
+  U8 data[kEntry];
+  EXPECT_EQ(requester->read(DeviceId(0), kTable, 0, data, kEntry), -1);
+  EXPECT_TRUE(
+      trace.contains("read cmdIndex " + std::to_string(last + 1) + " failed: the ring is full"));
+  requester->waitForCmdIndex(U64(last));
+  EXPECT_TRUE(trace.contains("cmdIndex " + std::to_string(last) + " has not run: dropped"));
+}
+
 // The serializer process publishes failures: a blocking write learns of its own.
 TEST_F(QueueRingTest, ABlockingWriteFailsWhenItsCommandFailed) {
   Shared<Served> served;
