@@ -137,6 +137,12 @@ U64 SimSwitch::restart(std::string_view serializerName) {
   return s->restartCount();
 }
 
+const SerializerDef* SimSwitch::serializerOf(const Zorvek::Requester& requester) const {
+  for (const SerializerDef& s : topology_.serializers)
+    if (database_->entity(s.configDir + "/" + requester.name())) return &s;
+  return nullptr;
+}
+
 SimOptArg SimSwitch::optArg(DeviceId devId, DeviceOffset offset) const {
   SimOptArg arg{};
   helper_->setOptArg(devId, helper_->geometry(devId)->locate(offset).layout->id, offset, &arg);

@@ -82,6 +82,9 @@ class KEL_EXPORT SimSwitch {
   // Restarts a serializer by name and returns its restart count after; throws
   // std::invalid_argument for an unknown name.
   U64 restart(std::string_view serializerName);
+  // The serializer whose configuration directory holds the queue of `requester`; null for
+  // the S-channel's.
+  const SerializerDef* serializerOf(const Zorvek::Requester& requester) const;
   // The optional argument of an access at `offset` of `devId`.
   SimOptArg optArg(DeviceId devId, DeviceOffset offset) const;
 

@@ -1,5 +1,7 @@
 #include "sim/Topology.h"
 
+#include <algorithm>
+
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -493,6 +495,13 @@ const AgentDef* Topology::agent(AgentId id) const {
 const SerializerDef* Topology::serializer(std::string_view name) const {
   for (const SerializerDef& s : serializers)
     if (s.name == name) return &s;
+  return nullptr;
+}
+
+const SerializerDef* Topology::owner(U64 table) const {
+  for (const SerializerDef& s : serializers)
+    for (const LogicalResourceDef& res : s.resources)
+      if (std::find(res.tables.begin(), res.tables.end(), table) != res.tables.end()) return &s;
   return nullptr;
 }
 

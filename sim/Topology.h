@@ -87,6 +87,8 @@ struct KEL_EXPORT Topology {
 
   const AgentDef* agent(AgentId id) const;
   const SerializerDef* serializer(std::string_view name) const;
+  // The serializer that owns the table `table` (a base id), or null.
+  const SerializerDef* owner(U64 table) const;
   friend bool operator==(const Topology&, const Topology&);
 };
 

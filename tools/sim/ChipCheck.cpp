@@ -1,5 +1,7 @@
 #include "ChipCheck.h"
 
+#include <algorithm>
+
 namespace simtool {
 
 namespace {
@@ -26,11 +28,19 @@ ChipCheck checkChip(const sim::SimSwitch& sw, const WrittenEntries& written) {
     ++check.entries;
     const std::span<const U8> chip = sw.chip(w.devId)->entry(w.layout->id, w.entry);
     if (matches(w, chip)) continue;
+    const sim::SerializerDef* owner = sw.topology().owner(w.layout->baseId.id());
     check.mismatches.push_back({w.devId, w.layout->name, w.entry, key.second, w.data,
                                 std::vector<U8>(chip.begin(), chip.end()),
-                                w.dataMask ? *w.dataMask : std::vector<U8>()});
+                                w.dataMask ? *w.dataMask : std::vector<U8>(),
+                                owner ? owner->name : std::string()});
   }
   return check;
+}
+
+U64 ChipCheck::lost(const std::string& serializer) const {
+  return static_cast<U64>(
+      std::count_if(mismatches.begin(), mismatches.end(),
+                    [&](const Mismatch& m) { return m.serializer == serializer; }));
 }
 
 }  // namespace simtool

@@ -20,13 +20,16 @@ struct Mismatch {
   DeviceOffset offset;
   std::vector<U8> expected;  // what the agent wrote
   std::vector<U8> onChip;
-  std::vector<U8> mask;  // empty: every byte
+  std::vector<U8> mask;    // empty: every byte
+  std::string serializer;  // the table's owner; empty for a resource of the S-channel
 };
 
 struct ChipCheck {
   U64 entries = 0;
   std::vector<Mismatch> mismatches;
   bool ok() const { return mismatches.empty(); }
+  // The mismatches in tables of that serializer.
+  U64 lost(const std::string& serializer) const;
 };
 
 // Reads the chips through their inspection interface, which counts no access.

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "Workload.h"
 
@@ -27,7 +28,8 @@ struct RunOptions {
   // Every serializer in a zorvek-serializer process of its own, sharing a private
   // redis-server and the chips in shared memory with this process, the DAL's agent.
   bool processes = false;
-  std::string serializerBin;  // empty: zorvek-serializer next to zorvek-sim, or on the PATH
+  std::string serializerBin;       // empty: zorvek-serializer next to zorvek-sim, or on the PATH
+  std::vector<std::string> kills;  // --kill NAME[:COUNT], with --processes
 };
 
 // Builds the switch and its DAL, runs the workload and checks the chip; see RunOptions.

@@ -73,6 +73,10 @@ void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix, std::string& 
   run.add_flag("--processes", o.processes,
                "Run every serializer as a zorvek-serializer process, with a private "
                "redis-server as the state database and the chips in shared memory");
+  run.add_option("--kill", o.kills,
+                 "With --processes: kill that serializer's process with SIGKILL COUNT times "
+                 "(default 1) at random accesses (seeded by --seed), a new one started each time")
+      ->type_name("NAME[:COUNT]");
   run.add_option("--serializer-bin", o.serializerBin,
                  "The zorvek-serializer program of --processes (default: the one next to "
                  "zorvek-sim, else on the PATH)");

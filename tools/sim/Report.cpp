@@ -1,7 +1,9 @@
 #include "Report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <iomanip>
+#include <numeric>
 
 #include <nlohmann/json.hpp>
 
@@ -57,8 +59,7 @@ RequesterLine queueLine(const sim::SimSwitch& sw, const Zorvek::Requester& r) {
   const auto* queued = dynamic_cast<const Zorvek::QueueRequester*>(&r);
   if (const Zorvek::CommandRingProducer* ring = queued ? queued->ring() : nullptr) {
     // The serializer is another process: the ring counts what it did.
-    for (const sim::SerializerDef& s : sw.topology().serializers)
-      if (sw.database()->entity(s.configDir + "/" + r.name())) line.serializer = s.name;
+    if (const sim::SerializerDef* s = sw.serializerOf(r)) line.serializer = s->name;
     line.executed = ring->executedCmds() - ring->failedCmds();
     line.failed = ring->failedCmds();
     return line;
@@ -95,12 +96,20 @@ std::vector<std::string> RunReport::failures() const {
                     std::to_string(r.failed) + " commands of " + r.name);
     if (r.heldBack)
       why.push_back(std::to_string(r.heldBack) + " commands of " + r.name + " are held back");
-    if (r.executed + r.failed < r.commands)
-      why.push_back(std::to_string(r.commands - r.executed - r.failed) + " commands of " + r.name +
-                    " never ran");
+    if (r.executed + r.failed + r.lostToKills < r.commands)
+      why.push_back(std::to_string(r.commands - r.executed - r.failed - r.lostToKills) +
+                    " commands of " + r.name + " never ran");
   }
   for (const ProcessLine& p : processes)
     if (p.failed) why.push_back(p.name + " (pid " + std::to_string(p.pid) + ") " + p.state);
+  for (const KillLine& k : kills) {
+    if (k.lostEntries)
+      why.push_back(std::to_string(k.lostEntries) + " entries written to tables of " +
+                    k.serializer + " were lost across its kills");
+    if (k.kills && !k.replays)
+      why.push_back(k.serializer + " was killed " + std::to_string(k.kills) +
+                    " times and never replayed");
+  }
   if (!check.ok())
     why.push_back(std::to_string(check.mismatches.size()) + " of " + std::to_string(check.entries) +
                   " entries written are not on the chip");
@@ -166,6 +175,7 @@ void printRequesters(const RunReport& r, std::ostream& out) {
         << (schan ? "  completed " : "  executed  ") << std::setw(7) << q.executed
         << (schan ? "  failed " : "  rejected ") << q.failed;
     if (q.heldBack) out << "  held back " << q.heldBack;
+    if (q.lostToKills) out << "  lost to kills " << q.lostToKills;
     out << "\n";
   }
 }
@@ -185,6 +195,23 @@ void printProcesses(const RunReport& r, std::ostream& out) {
   for (const ProcessLine& p : r.processes)
     out << "  " << std::left << std::setw(14) << p.name << std::right << " pid " << std::setw(7)
         << p.pid << "  " << p.state << "\n";
+}
+
+void printKills(const RunReport& r, std::ostream& out) {
+  if (r.kills.empty()) return;
+  out << "\nkills (SIGKILL at random accesses, a new process started at once)\n";
+  for (const KillLine& k : r.kills) {
+    out << "  " << k.serializer << ": killed " << k.kills << " times, replayed " << k.replays
+        << " times, " << k.replayedEntries << " entries replayed, " << k.lostEntries
+        << " entries lost\n";
+    if (k.killToReplayMs.empty()) continue;
+    const auto [low, high] = std::minmax_element(k.killToReplayMs.begin(), k.killToReplayMs.end());
+    const double total = std::accumulate(k.killToReplayMs.begin(), k.killToReplayMs.end(), 0.0);
+    out << "    from the kill to the replay run: " << std::fixed << std::setprecision(1)
+        << total / static_cast<double>(k.killToReplayMs.size()) << " ms on average, " << *low
+        << " to " << *high << " ms (" << k.killToReplayMs.size() << " kills timed)\n";
+    out.unsetf(std::ios::floatfield);
+  }
 }
 
 void printCheck(const RunReport& r, std::ostream& out) {
@@ -225,6 +252,7 @@ void printText(const RunReport& r, std::ostream& out) {
   printDals(r, out);
   printRequesters(r, out);
   printRestarts(r, out);
+  printKills(r, out);
   printProcesses(r, out);
   printCheck(r, out);
   const std::vector<std::string> why = r.failures();
@@ -300,7 +328,8 @@ void printJson(const RunReport& r, std::ostream& out) {
                                {"commands", q.commands},
                                {"executed", q.executed},
                                {"failed", q.failed},
-                               {"heldBack", q.heldBack}});
+                               {"heldBack", q.heldBack},
+                               {"lostToKills", q.lostToKills}});
   j["restarts"] = Json::array();
   for (const Restart& s : r.restarts)
     j["restarts"].push_back({{"serializer", s.serializer},
@@ -311,6 +340,14 @@ void printJson(const RunReport& r, std::ostream& out) {
   for (const ProcessLine& p : r.processes)
     j["processes"].push_back(
         {{"name", p.name}, {"pid", p.pid}, {"state", p.state}, {"failed", p.failed}});
+  j["kills"] = Json::array();
+  for (const KillLine& k : r.kills)
+    j["kills"].push_back({{"serializer", k.serializer},
+                          {"kills", k.kills},
+                          {"replays", k.replays},
+                          {"replayedEntries", k.replayedEntries},
+                          {"killToReplayMs", k.killToReplayMs},
+                          {"lostEntries", k.lostEntries}});
   j["chipCheck"] = checkJson(r.check);
   j["failures"] = r.failures();
   j["ok"] = r.ok();

@@ -34,6 +34,9 @@ struct RequesterLine {
   U64 executed;
   U64 failed;
   U64 heldBack;
+  // Commands that a killed serializer process never ran (dropped, or discarded by its next
+  // process): its replay wrote again what the shadow keeps, and the chip check judges.
+  U64 lostToKills = 0;
 };
 
 // A process of a run whose serializers are processes: its name (a serializer's, or
@@ -45,6 +48,16 @@ struct ProcessLine {
   long pid;
   std::string state;
   bool failed;
+};
+
+// What the kills of one serializer came to.
+struct KillLine {
+  std::string serializer;
+  U64 kills = 0;
+  U64 replays = 0;                     // restarts the DAL heard, each a replay of its shadow
+  U64 replayedEntries = 0;             // writes the replays queued
+  std::vector<double> killToReplayMs;  // per kill whose replay ran before the next kill
+  U64 lostEntries = 0;                 // entries written whose table lost them (chip check)
 };
 
 struct RunReport {
@@ -63,6 +76,7 @@ struct RunReport {
   std::vector<Restart> restarts;
   ChipCheck check;
   std::vector<ProcessLine> processes{};  // empty when everything ran in this process
+  std::vector<KillLine> kills{};         // per serializer killed by --kill
   std::string stateDump{};               // laid out; empty unless asked for
   std::vector<std::string> trace{};      // decoded ring records; empty unless asked for
   U64 traceRecords = 0;                  // records in the ring

@@ -52,13 +52,34 @@ std::vector<std::string> lastRecords(std::size_t n) {
 int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorvek::DemuxDal>& dal,
               Supervisor* supervisor, std::ostream& out) {
   Workload workload(sw, dal, options.workload);
+  if (supervisor && !options.kills.empty()) {
+    std::vector<Supervisor::KillPlan> plans;
+    for (const std::string& k : options.kills)
+      plans.push_back(Supervisor::killPlan(k, sw.topology()));
+    std::vector<Kel::Ptr<Zorvek::Requester>> requesters;
+    for (const Route& route : workload.routes()) requesters.push_back(route.dal->requester());
+    supervisor->killsIs(plans, options.workload.accesses, options.workload.seed, sw, requesters);
+    workload.betweenAccessesIs([supervisor](U64 made) { supervisor->tick(made); });
+  }
   if (dal->ready()) {
     Progress progress(options.workload.accesses, Progress::wanted(options.workload.accesses));
     workload.run(progress);
+    if (supervisor) {
+      // The last kills' replays run after the accesses: the check waits for them.
+      supervisor->settle();
+      for (const sim::DeviceDef& d : sw.topology().devices) dal->waitForCompletion(DeviceId(d.id));
+    }
   }
   RunReport report =
       makeReport(options.workload.source, sw, *dal, workload, checkChip(sw, workload.written()));
-  if (supervisor) report.processes = supervisor->processLines();
+  if (supervisor) {
+    report.processes = supervisor->processLines();
+    report.kills = supervisor->killLines(report.check);
+    for (RequesterLine& r : report.requesters)
+      for (const KillLine& k : report.kills)
+        if (r.serializer == k.serializer && k.kills)
+          r.lostToKills = r.commands - r.executed - r.failed;
+  }
   if (options.dump) report.stateDump = formatDump(stateDump(*dal));
   if (options.trace) {
     report.trace = lastRecords(options.traceRecords);
@@ -101,6 +122,9 @@ int runCommand(RunOptions options, std::ostream& out) {
   options.workload.source =
       options.topologyPath.empty() ? "embedded default" : options.topologyPath;
   checkRestarts(topology, options.workload);
+  if (!options.kills.empty() && !options.processes)
+    throw BadInput("--kill " + options.kills.front() + ": kills need --processes");
+  for (const std::string& k : options.kills) Supervisor::killPlan(k, topology);
 
   // The agent's DAL code runs on its activity loop, as in every agent program: here the
   // whole run is one task of it.

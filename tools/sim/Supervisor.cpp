@@ -3,8 +3,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <filesystem>
+#include <random>
 #include <stdexcept>
+#include <thread>
 
 #include "ExitCode.h"
 #include "SkorraRedis/RedisBackend.h"
@@ -132,6 +136,121 @@ bool Supervisor::runUntil(const std::function<bool()>& done, std::chrono::millis
     loop_.runOnce(std::chrono::milliseconds(5));
   }
   return done();
+}
+
+Supervisor::KillPlan Supervisor::killPlan(const std::string& text, const sim::Topology& topology) {
+  const auto colon = text.find(':');
+  KillPlan plan{text.substr(0, colon), 1};
+  if (colon != std::string::npos) {
+    const std::string count = text.substr(colon + 1);
+    const auto [end, ec] = std::from_chars(count.data(), count.data() + count.size(), plan.count);
+    if (ec != std::errc() || end != count.data() + count.size() || plan.count == 0)
+      throw BadInput("--kill " + text +
+                     ": expected NAME or NAME:COUNT, COUNT a whole number above 0");
+  }
+  if (!topology.serializer(plan.serializer)) {
+    std::string known;
+    for (const auto& s : topology.serializers) known += (known.empty() ? "" : ", ") + s.name;
+    throw BadInput("--kill " + text + ": the topology has no serializer named '" + plan.serializer +
+                   "' (it has: " + (known.empty() ? "none" : known) + ")");
+  }
+  return plan;
+}
+
+void Supervisor::killsIs(const std::vector<KillPlan>& plans, U64 accesses, U64 seed,
+                         const sim::SimSwitch& sw,
+                         const std::vector<Kel::Ptr<Zorvek::Requester>>& requesters) {
+  // Its own generator: the kills leave the workload's accesses as they are without them.
+  std::mt19937_64 rng(seed ^ 0x6b696c6c73ull);
+  for (const KillPlan& plan : plans) {
+    auto it = std::find_if(followed_.begin(), followed_.end(), [&](const Followed& f) {
+      return f.serializer->def->name == plan.serializer;
+    });
+    if (it == followed_.end()) {
+      Followed f{};
+      f.line.serializer = plan.serializer;
+      for (Serializer& s : serializers_)
+        if (s.def->name == plan.serializer) f.serializer = &s;
+      for (const auto& r : requesters)
+        if (const sim::SerializerDef* s = sw.serializerOf(*r); s && s->name == plan.serializer)
+          f.requester = Kel::dynamicPtrCast<Zorvek::QueueRequester>(r);
+      followed_.push_back(std::move(f));
+      it = followed_.end() - 1;
+    }
+    for (U64 k = 0; k < plan.count; ++k)
+      killPoints_.emplace_back(
+          std::uniform_int_distribution<U64>(1, std::max<U64>(accesses, 1))(rng),
+          static_cast<std::size_t>(it - followed_.begin()));
+  }
+  std::sort(killPoints_.begin(), killPoints_.end());
+}
+
+void Supervisor::kill(Followed& f) {
+  ChildProcess& process = *f.serializer->process;
+  process.kill();
+  replaced_.push_back({f.serializer->def->name, static_cast<long>(process.pid()),
+                       process.state() + " (--kill)", false});
+  ++f.line.kills;
+  f.killedAt = std::chrono::steady_clock::now();
+  f.replayEnd = 0;
+  start(*f.serializer);
+}
+
+void Supervisor::turn() {
+  std::vector<std::pair<U64, U64>> before;  // (restart count heard, command index)
+  for (const Followed& f : followed_)
+    before.emplace_back(f.requester ? f.requester->serializerRestartCount() : 0,
+                        f.requester ? f.requester->cmdIndex() : 0);
+  loop_.runOnce(std::chrono::milliseconds(0));
+  for (std::size_t i = 0; i < followed_.size(); ++i) {
+    Followed& f = followed_[i];
+    if (!f.requester) continue;
+    // The replay runs as the restart is heard, in this turn: nothing else queues meanwhile.
+    if (f.requester->serializerRestartCount() != before[i].first) {
+      ++f.line.replays;
+      f.line.replayedEntries += f.requester->cmdIndex() - before[i].second;
+      f.replayEnd = f.requester->cmdIndex() - 1;
+    }
+    if (f.killedAt && f.replayEnd && f.requester->ring()->lastExecutedIndex() >= f.replayEnd) {
+      f.line.killToReplayMs.push_back(
+          std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - *f.killedAt)
+              .count());
+      f.killedAt.reset();
+    }
+  }
+}
+
+void Supervisor::tick(U64 made) {
+  for (; nextKill_ < killPoints_.size() && killPoints_[nextKill_].first <= made; ++nextKill_)
+    kill(followed_[killPoints_[nextKill_].second]);
+  if (!followed_.empty()) turn();
+}
+
+void Supervisor::settle() {
+  const auto pending = [&] {
+    return std::any_of(followed_.begin(), followed_.end(),
+                       [](const Followed& f) { return f.killedAt.has_value(); });
+  };
+  const auto deadline = std::chrono::steady_clock::now() + kRestartLimit;
+  while (pending() && std::chrono::steady_clock::now() < deadline) {
+    checkProcesses();
+    turn();
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  for (const Followed& f : followed_)
+    if (f.killedAt)
+      throw std::runtime_error("serializer " + f.serializer->def->name +
+                               " was killed and its replay did not run within " +
+                               std::to_string(kRestartLimit.count()) + " s");
+}
+
+std::vector<KillLine> Supervisor::killLines(const ChipCheck& check) const {
+  std::vector<KillLine> lines;
+  for (const Followed& f : followed_) {
+    lines.push_back(f.line);
+    lines.back().lostEntries = check.lost(f.serializer->def->name);
+  }
+  return lines;
 }
 
 std::vector<ProcessLine> Supervisor::processLines() {

@@ -11,9 +11,16 @@
 //   ... sw.restart("l2ser") ...            // a new process, the replay heard, the count back
 //   report.processes = supervisor.processLines();
 //
+// Kills: killsIs() plans SIGKILLs of serializers at random accesses of the workload (seeded);
+// tick(), called between accesses, makes those due, starts a new process at once, and turns
+// the activity loop so that the DAL hears each restart and replays; it times each kill until
+// its replay has run. settle() waits, after the workload, for the last replays.
+//
 // Used from the loop's thread.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,9 +28,11 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ChipCheck.h"
 #include "Kel/ActivityLoop.h"
 #include "Report.h"
 #include "SkorraRedis/RedisServer.h"
+#include "Zorvek/QueueRequester.h"
 #include "sim/ChipSegment.h"
 #include "sim/SimSwitch.h"
 
@@ -31,6 +40,13 @@ namespace simtool {
 
 class Supervisor {
  public:
+  // "NAME[:COUNT]" of --kill; throws BadInput naming the flag.
+  struct KillPlan {
+    std::string serializer;
+    U64 count;
+  };
+  static KillPlan killPlan(const std::string& text, const sim::Topology& topology);
+
   // Throws BadInput when redis-server or the serializer program cannot be found (an empty
   // `serializerBin` looks for zorvek-serializer next to this program, then on the PATH), and
   // std::runtime_error when a process does not start.
@@ -51,12 +67,33 @@ class Supervisor {
   // Every process started, those replaced by a restart first.
   std::vector<ProcessLine> processLines();
 
+  // Plans the kills over `accesses` accesses; follows the requesters of the switch's DAL.
+  void killsIs(const std::vector<KillPlan>& plans, U64 accesses, U64 seed, const sim::SimSwitch& sw,
+               const std::vector<Kel::Ptr<Zorvek::Requester>>& requesters);
+  void tick(U64 made);
+  // Turns the loop until every killed serializer's last replay has run. Throws
+  // std::runtime_error when one has not within the limit.
+  void settle();
+  // Per serializer killed, with the entries the chip check found lost in its tables.
+  std::vector<KillLine> killLines(const ChipCheck& check) const;
+
  private:
   struct Serializer {
     const sim::SerializerDef* def;
     std::unique_ptr<ChildProcess> process;
   };
+  // A serializer whose process the run kills, and the requester that follows it.
+  struct Followed {
+    Serializer* serializer;
+    Kel::Ptr<Zorvek::QueueRequester> requester;
+    KillLine line;
+    std::optional<std::chrono::steady_clock::time_point> killedAt;  // replay not run yet
+    U64 replayEnd = 0;  // the last command of the replay heard since, 0 before one
+  };
   void start(Serializer& s);
+  void kill(Followed& f);
+  // One turn of the loop, which brings restarts and the replays they set off.
+  void turn();
   sim::U64 restartCount(const sim::SerializerDef& def) const;
   void checkProcesses();
 
@@ -70,6 +107,9 @@ class Supervisor {
   std::optional<sim::ChipSegment> chips_;
   std::vector<Serializer> serializers_;
   std::vector<ProcessLine> replaced_;
+  std::vector<Followed> followed_;
+  std::vector<std::pair<U64, std::size_t>> killPoints_;  // (access, followed), in order
+  std::size_t nextKill_ = 0;
 };
 
 }  // namespace simtool

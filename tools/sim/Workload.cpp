@@ -121,8 +121,9 @@ void Workload::run(Progress& progress) {
           : std::min<U64>(total, static_cast<U64>(options_.restartAt * static_cast<double>(total)));
   for (U64 i = 0;; ++i) {
     if (i == restartPoint) restartAll(i);
-    if (i == total) break;
     throwIfInterrupted();
+    if (between_) between_(i);
+    if (i == total) break;
     const AccessKind kind = nextKind();
     ++accesses_[static_cast<std::size_t>(kind)];
     if (access(kind) != 0) ++failed_[static_cast<std::size_t>(kind)];

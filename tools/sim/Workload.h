@@ -20,6 +20,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -94,6 +95,9 @@ class Workload {
   // Makes the accesses, restarts the serializers when their point is reached, then waits
   // until every command has run.
   void run(Progress& progress);
+  // Called before each access with the number of accesses made, and once more when they are
+  // all made, before the final wait: what the agent's activity loop does between accesses.
+  void betweenAccessesIs(std::function<void(U64 made)> between) { between_ = std::move(between); }
 
   const WorkloadOptions& options() const { return options_; }
   // The default DAL first, then the remote DALs in the order their resources were met.
@@ -133,6 +137,7 @@ class Workload {
   void settle();
 
   sim::SimSwitch& sw_;
+  std::function<void(U64)> between_;
   Kel::Ptr<Zorvek::DemuxDal> dal_;
   WorkloadOptions options_;
   std::mt19937_64 rng_;
