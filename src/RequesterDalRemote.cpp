@@ -184,9 +184,20 @@ S32 RequesterDalRemote::doWriteToShadow(DeviceId devId, DeviceOffset offset, U16
                                         const void* data, void* optArg) {
   const PhysicalResourceId resourceId = detail::AccessScope::resourceId(*this, offset, optArg);
   CacheTable& table = localCacheOrInit(devId, resourceId);
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  // A bulk write's entries lie one memory entry after the other; the shadow keeps its first
+  // only, unless asked to keep every one.
+  const U32 stride =
+      localShadowKeepsBulkEntries_ ? helper()->memoryEntrySizeBytes(devId, resourceId) : 0;
+  if (stride && size > stride) {
+    for (U32 at = 0; at + stride <= size; at += stride)
+      table.writeEntryDataAt(localShadowEntry(table, offset + at, stride), bytes + at,
+                             hwAccessAllowed());
+    return 0;
+  }
   const U32 entry = localShadowEntry(table, offset, size);
   // The size is deliberately not passed on: the table always takes a whole entry.
-  table.writeEntryDataAt(entry, static_cast<const unsigned char*>(data), hwAccessAllowed());
+  table.writeEntryDataAt(entry, bytes, hwAccessAllowed());
   return 0;
 }
 

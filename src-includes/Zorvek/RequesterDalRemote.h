@@ -49,6 +49,11 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
   // When false, shadow reads of remote resources are refused (writes still fill the cache).
   bool localShadowForRemoteResourcesEnabled() const { return localShadowEnabled_; }
   void localShadowForRemoteResourcesEnabledIs(bool v) { localShadowEnabled_ = v; }
+  // When true, the local shadow keeps every entry of a bulk write, and a serializer restart
+  // replays them all. False by default: the shadow keeps the first entry of a bulk write
+  // only, and a restart loses the others.
+  bool localShadowKeepsBulkEntries() const { return localShadowKeepsBulkEntries_; }
+  void localShadowKeepsBulkEntriesIs(bool v) { localShadowKeepsBulkEntries_ = v; }
 
   // The local shadow tables, ordered by (device, resource id).
   Kel::Ptr<CacheTable> localCache(const CacheTableIndex& index) const;
@@ -127,6 +132,7 @@ class KEL_EXPORT RequesterDalRemote : public RequesterDal {
   Kel::Ptr<ResourceIdToDataMaskMap> resourceIdToDataMaskMap_;
   std::unordered_map<PhysicalResourceId, bool> remoteResource_;
   bool localShadowEnabled_ = true;
+  bool localShadowKeepsBulkEntries_ = false;
   LocalCacheMap localCache_;
   // The table of the last shadow access: accesses come in runs on one table, which then
   // skip the walk of localCache_. Forgotten when a table leaves the collection.

@@ -265,6 +265,28 @@ TEST_P(RequesterDalRemoteReplayTest, PushesEligibleEntriesTableByTable) {
 
 INSTANTIATE_TEST_SUITE_P(OptArgBytes, RequesterDalRemoteReplayTest, ::testing::Values(0u, 4u));
 
+// A bulk write of three entries: the shadow keeps the first only, unless it keeps them all.
+TEST_F(RequesterDalRemoteTest, ABulkWriteLeavesItsFirstEntryInTheShadowOrEveryOneWhenAsked) {
+  const std::vector<U8> entries{1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2,
+                                2, 2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3};
+  for (const bool keepsAll : {false, true}) {
+    SCOPED_TRACE(keepsAll ? "keeps every entry" : "by default");
+    dal = makeDal(masks);
+    dal->localShadowKeepsBulkEntriesIs(keepsAll);
+    ASSERT_EQ(dal->doWriteToShadow(0, 0x1000, U16(entries.size()), entries.data(), &optArg), 0);
+    requester->serializerRestartCountIs(requester->serializerRestartCount() + 1);
+    const std::vector<std::string> first{
+        "write dev 0 table 0x10 @0x1000 data 0101010101010101 mask -"};
+    if (!keepsAll) {
+      EXPECT_THAT(sent(), ElementsAreArray(first));
+      continue;
+    }
+    EXPECT_THAT(sent(),
+                ElementsAre(first[0], "write dev 0 table 0x10 @0x1008 data 0202020202020202 mask -",
+                            "write dev 0 table 0x10 @0x1010 data 0303030303030303 mask -"));
+  }
+}
+
 TEST_F(RequesterDalRemoteTest, ReplayWalkSurvivesTablesChangingUnderIt) {
   const std::string a0 = "write dev 0 table 0x10 @0x1000 data 0101010101010101 mask -";
   const std::string b0 = "write dev 0 table 0x20 @0x2000 data 02020202 mask -";

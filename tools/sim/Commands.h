@@ -25,6 +25,7 @@ struct RunOptions {
   std::string traceFile;                        // where to dump the ring; empty: nowhere
   TraceFormat traceFormat = TraceFormat::ring;  // of traceFile: ring or chrome
   bool json = false;
+  bool shadowBulkEntries = false;  // every remote DAL's localShadowKeepsBulkEntries
   // Every serializer in a zorvek-serializer process of its own, sharing a private
   // redis-server and the chips in shared memory with this process, the DAL's agent.
   bool processes = false;

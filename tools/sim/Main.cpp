@@ -53,6 +53,14 @@ void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix, std::string& 
                  "Restart this serializer part-way; repeat for several")
       ->expected(1)
       ->take_all();
+  run.add_option("--remote-bulk-entries", o.workload.remoteBulkEntries,
+                 "Entries of each bulk write to a table behind a remote DAL (its shadow keeps "
+                 "the first only, unless --shadow-bulk-entries)")
+      ->check(CLI::Range(1u, 64u))
+      ->capture_default_str();
+  run.add_flag("--shadow-bulk-entries", o.shadowBulkEntries,
+               "Let the remote DALs' local shadows keep every entry of a bulk write, so that a "
+               "restart replays them all");
   run.add_option("--restart-at", o.workload.restartAt,
                  "Fraction of the accesses made before the restarts")
       ->check(CLI::Range(0.0, 1.0))

@@ -110,9 +110,16 @@ std::vector<std::string> RunReport::failures() const {
       why.push_back(k.serializer + " was killed " + std::to_string(k.kills) +
                     " times and never replayed");
   }
-  if (!check.ok())
+  if (!check.ok()) {
     why.push_back(std::to_string(check.mismatches.size()) + " of " + std::to_string(check.entries) +
                   " entries written are not on the chip");
+    if (options.remoteBulkEntries > 1 && !shadowBulkEntries &&
+        (!restarts.empty() || !kills.empty()))
+      why.push_back("bulk writes to remote tables wrote " +
+                    std::to_string(options.remoteBulkEntries) +
+                    " entries each, and a remote DAL's shadow keeps the first only: a restart "
+                    "lost the others (--shadow-bulk-entries keeps them all)");
+  }
   return why;
 }
 

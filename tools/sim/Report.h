@@ -77,6 +77,7 @@ struct RunReport {
   ChipCheck check;
   std::vector<ProcessLine> processes{};  // empty when everything ran in this process
   std::vector<KillLine> kills{};         // per serializer killed by --kill
+  bool shadowBulkEntries = false;        // the remote DALs kept every bulk entry
   std::string stateDump{};               // laid out; empty unless asked for
   std::vector<std::string> trace{};      // decoded ring records; empty unless asked for
   U64 traceRecords = 0;                  // records in the ring

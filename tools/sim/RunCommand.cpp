@@ -12,6 +12,7 @@
 #include "Kwisp/Kwisp.h"
 #include "Report.h"
 #include "Supervisor.h"
+#include "Zorvek/RequesterDalRemote.h"
 
 namespace simtool {
 
@@ -52,6 +53,9 @@ std::vector<std::string> lastRecords(std::size_t n) {
 int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorvek::DemuxDal>& dal,
               Supervisor* supervisor, std::ostream& out) {
   Workload workload(sw, dal, options.workload);
+  for (const Route& route : workload.routes())
+    if (auto remote = Kel::dynamicPtrCast<Zorvek::RequesterDalRemote>(route.dal))
+      remote->localShadowKeepsBulkEntriesIs(options.shadowBulkEntries);
   if (supervisor && !options.kills.empty()) {
     std::vector<Supervisor::KillPlan> plans;
     for (const std::string& k : options.kills)
@@ -72,6 +76,7 @@ int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorv
   }
   RunReport report =
       makeReport(options.workload.source, sw, *dal, workload, checkChip(sw, workload.written()));
+  report.shadowBulkEntries = options.shadowBulkEntries;
   if (supervisor) {
     report.processes = supervisor->processLines();
     report.kills = supervisor->killLines(report.check);

@@ -196,9 +196,11 @@ S32 Workload::bulk(const Target& t, AccessKind kind) {
   const U32 first = pickEntry(t);
   const U32 entrySize = t.layout->memoryEntrySize;
   const bool remoteWrite = kind == AccessKind::bulkWrite && t.route != 0;
-  const U32 most = std::min({remoteWrite ? 1u : kMaxBulkEntries, t.layout->entryCount - first,
-                             Zorvek::maxBulkTransactionSizeInBytes() / entrySize});
-  const U32 entries = std::uniform_int_distribution<U32>(1, most)(rng_);
+  const U32 most =
+      std::min({remoteWrite ? options_.remoteBulkEntries : kMaxBulkEntries,
+                t.layout->entryCount - first, Zorvek::maxBulkTransactionSizeInBytes() / entrySize});
+  // Remote bulk writes are runs of exactly --remote-bulk-entries entries where they fit.
+  const U32 entries = std::uniform_int_distribution<U32>(remoteWrite ? most : 1, most)(rng_);
   const DeviceOffset offset = t.layout->entryOffset(first);
   bulkBuffers_.push_back(randomBytes(std::size_t{entries} * entrySize));
   U8* buffer = bulkBuffers_.back().data();

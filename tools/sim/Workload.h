@@ -10,8 +10,9 @@
 // dal->dalSelector, so the report counts accesses by the DAL that the DemuxDal itself picks.
 // Devices: the DAL's requester DALs write only device 0, so writes and bulk writes go to
 // device 0; reads and bulk reads go to any device.
-// Bulk writes to a table behind a remote DAL move exactly one entry: that DAL's local shadow
-// keeps one entry per write, and only what the shadow keeps is replayed after a restart.
+// Bulk writes to a table behind a remote DAL move exactly one entry by default: that DAL's
+// local shadow keeps one entry per write, and only what the shadow keeps is replayed after a
+// restart (WorkloadOptions::remoteBulkEntries moves more).
 // Every access carries the optional argument of its offset; bulk accesses name their buffer
 // in it, and the buffers stay alive until the commands that use them have run.
 //
@@ -53,6 +54,10 @@ struct WorkloadOptions {
   Mix mix;
   std::vector<std::string> restarts;  // serializer names, restarted in this order
   double restartAt = 0.5;             // fraction of the accesses made before the restarts
+  // Entries of a bulk write to a table behind a remote DAL: 1 keeps every write in the shadow;
+  // more shows what a restart loses of a bulk write (the shadow keeps its first entry only,
+  // unless its DAL keeps every one: localShadowKeepsBulkEntries).
+  U32 remoteBulkEntries = 1;
 };
 
 // One DAL of the tree and what the workload sent it.
