@@ -53,6 +53,9 @@ void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix, std::string& 
                  "Restart this serializer part-way; repeat for several")
       ->expected(1)
       ->take_all();
+  run.add_option("--seconds", o.workload.seconds,
+                 "Make accesses for that many seconds instead of --accesses (kills and restarts "
+                 "spread over the time)");
   run.add_option("--remote-bulk-entries", o.workload.remoteBulkEntries,
                  "Entries of each bulk write to a table behind a remote DAL (its shadow keeps "
                  "the first only, unless --shadow-bulk-entries)")

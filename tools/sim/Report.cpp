@@ -102,6 +102,11 @@ std::vector<std::string> RunReport::failures() const {
   }
   for (const ProcessLine& p : processes)
     if (p.failed) why.push_back(p.name + " (pid " + std::to_string(p.pid) + ") " + p.state);
+  for (const MemoryLine& m : memory)
+    if (m.grew)
+      why.push_back("the resident memory of " + m.name + " grew after the warm-up, from " +
+                    std::to_string(m.afterWarmUpKiB) + " to " + std::to_string(m.highestKiB) +
+                    " KiB");
   for (const KillLine& k : kills) {
     if (k.lostEntries)
       why.push_back(std::to_string(k.lostEntries) + " entries written to tables of " +
@@ -191,7 +196,8 @@ void printRestarts(const RunReport& r, std::ostream& out) {
   if (r.restarts.empty()) return;
   out << "\nrestarts\n";
   for (const Restart& s : r.restarts)
-    out << "  " << s.serializer << " restarted after " << s.atAccess << " of " << r.options.accesses
+    out << "  " << s.serializer << " restarted after " << s.atAccess
+        << (r.options.seconds ? "" : " of " + std::to_string(r.options.accesses))
         << " accesses (restart count " << s.restartCount << "): replayed " << s.replayedEntries
         << " entries\n";
 }
@@ -219,6 +225,17 @@ void printKills(const RunReport& r, std::ostream& out) {
         << " to " << *high << " ms (" << k.killToReplayMs.size() << " kills timed)\n";
     out.unsetf(std::ios::floatfield);
   }
+}
+
+void printMemory(const RunReport& r, std::ostream& out) {
+  if (r.memory.empty()) return;
+  out << "\nresident memory (KiB, sampled every second; after the warm-up, at the end, highest)\n";
+  // The serializers' line has a highest figure only: a process that is killed has no end.
+  const auto kib = [](U64 v) { return v ? std::to_string(v) : std::string("-"); };
+  for (const MemoryLine& m : r.memory)
+    out << "  " << std::left << std::setw(14) << m.name << std::right << std::setw(8)
+        << kib(m.afterWarmUpKiB) << std::setw(8) << kib(m.atEndKiB) << std::setw(8)
+        << kib(m.highestKiB) << (m.grew ? "  GREW" : "") << "\n";
 }
 
 void printCheck(const RunReport& r, std::ostream& out) {
@@ -261,6 +278,7 @@ void printText(const RunReport& r, std::ostream& out) {
   printRestarts(r, out);
   printKills(r, out);
   printProcesses(r, out);
+  printMemory(r, out);
   printCheck(r, out);
   const std::vector<std::string> why = r.failures();
   out << "\nresult: " << (why.empty() ? "ok" : "FAILED") << "\n";
@@ -355,6 +373,13 @@ void printJson(const RunReport& r, std::ostream& out) {
                           {"replayedEntries", k.replayedEntries},
                           {"killToReplayMs", k.killToReplayMs},
                           {"lostEntries", k.lostEntries}});
+  j["memory"] = Json::array();
+  for (const MemoryLine& m : r.memory)
+    j["memory"].push_back({{"name", m.name},
+                           {"afterWarmUpKiB", m.afterWarmUpKiB},
+                           {"atEndKiB", m.atEndKiB},
+                           {"highestKiB", m.highestKiB},
+                           {"grew", m.grew}});
   j["chipCheck"] = checkJson(r.check);
   j["failures"] = r.failures();
   j["ok"] = r.ok();

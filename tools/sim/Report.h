@@ -41,8 +41,8 @@ struct RequesterLine {
 
 // A process of a run whose serializers are processes: its name (a serializer's, or
 // "redis-server"), its pid, and its state when the report was made ("running", "stopped for
-// a restart", "exited with status 1", "killed by signal 9"). One that ended by itself fails
-// the run.
+// a restart", "exited with status 1"). One that ended by itself fails the run. Processes
+// killed by --kill are counted in the kill lines instead.
 struct ProcessLine {
   std::string name;
   long pid;
@@ -58,6 +58,17 @@ struct KillLine {
   U64 replayedEntries = 0;             // writes the replays queued
   std::vector<double> killToReplayMs;  // per kill whose replay ran before the next kill
   U64 lostEntries = 0;                 // entries written whose table lost them (chip check)
+};
+
+// The resident memory of a process of the run, sampled every second: after the warm-up (the
+// first fifth of the samples), at the end, and the highest after the warm-up. The
+// serializers' line covers every serializer process, killed ones too (highest only).
+struct MemoryLine {
+  std::string name;
+  U64 afterWarmUpKiB = 0;
+  U64 atEndKiB = 0;
+  U64 highestKiB = 0;
+  bool grew = false;  // kept growing after the warm-up: fails the run
 };
 
 struct RunReport {
@@ -78,6 +89,7 @@ struct RunReport {
   std::vector<ProcessLine> processes{};  // empty when everything ran in this process
   std::vector<KillLine> kills{};         // per serializer killed by --kill
   bool shadowBulkEntries = false;        // the remote DALs kept every bulk entry
+  std::vector<MemoryLine> memory{};      // runs of --processes long enough to sample
   std::string stateDump{};               // laid out; empty unless asked for
   std::vector<std::string> trace{};      // decoded ring records; empty unless asked for
   U64 traceRecords = 0;                  // records in the ring

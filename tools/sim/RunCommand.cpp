@@ -62,11 +62,12 @@ int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorv
       plans.push_back(Supervisor::killPlan(k, sw.topology()));
     std::vector<Kel::Ptr<Zorvek::Requester>> requesters;
     for (const Route& route : workload.routes()) requesters.push_back(route.dal->requester());
-    supervisor->killsIs(plans, options.workload.accesses, options.workload.seed, sw, requesters);
-    workload.betweenAccessesIs([supervisor](U64 made) { supervisor->tick(made); });
+    supervisor->killsIs(plans, options.workload, sw, requesters);
   }
+  if (supervisor) workload.betweenAccessesIs([supervisor](U64 made) { supervisor->tick(made); });
   if (dal->ready()) {
-    Progress progress(options.workload.accesses, Progress::wanted(options.workload.accesses));
+    Progress progress(options.workload.accesses,
+                      !options.workload.seconds && Progress::wanted(options.workload.accesses));
     workload.run(progress);
     if (supervisor) {
       // The last kills' replays run after the accesses: the check waits for them.
@@ -80,6 +81,7 @@ int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorv
   if (supervisor) {
     report.processes = supervisor->processLines();
     report.kills = supervisor->killLines(report.check);
+    report.memory = supervisor->memoryLines();
     for (RequesterLine& r : report.requesters)
       for (const KillLine& k : report.kills)
         if (r.serializer == k.serializer && k.kills)

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -20,6 +21,19 @@ namespace simtool {
 namespace {
 
 constexpr auto kStopGrace = std::chrono::seconds(5);
+constexpr auto kSampleEvery = std::chrono::seconds(1);
+constexpr std::size_t kMinSamples = 5;
+// What resident memory may grow after the warm-up (or a tenth of it, if more) and still count
+// as flat: allocators keep some slack.
+constexpr U64 kAllowedGrowthKiB = 1024;
+
+// The resident memory of a process, in KiB (0 when it cannot be read).
+U64 residentKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) return std::strtoull(line.c_str() + 6, nullptr, 10);
+  return 0;
+}
 constexpr auto kRestartLimit = std::chrono::seconds(20);
 
 // zorvek-serializer next to this program, else on the PATH; empty when neither.
@@ -157,11 +171,13 @@ Supervisor::KillPlan Supervisor::killPlan(const std::string& text, const sim::To
   return plan;
 }
 
-void Supervisor::killsIs(const std::vector<KillPlan>& plans, U64 accesses, U64 seed,
+void Supervisor::killsIs(const std::vector<KillPlan>& plans, const WorkloadOptions& workload,
                          const sim::SimSwitch& sw,
                          const std::vector<Kel::Ptr<Zorvek::Requester>>& requesters) {
   // Its own generator: the kills leave the workload's accesses as they are without them.
-  std::mt19937_64 rng(seed ^ 0x6b696c6c73ull);
+  std::mt19937_64 rng(workload.seed ^ 0x6b696c6c73ull);
+  timed_ = workload.seconds > 0;
+  const U64 span = timed_ ? workload.seconds * 1000000 : std::max<U64>(workload.accesses, 1);
   for (const KillPlan& plan : plans) {
     auto it = std::find_if(followed_.begin(), followed_.end(), [&](const Followed& f) {
       return f.serializer->def->name == plan.serializer;
@@ -178,18 +194,16 @@ void Supervisor::killsIs(const std::vector<KillPlan>& plans, U64 accesses, U64 s
       it = followed_.end() - 1;
     }
     for (U64 k = 0; k < plan.count; ++k)
-      killPoints_.emplace_back(
-          std::uniform_int_distribution<U64>(1, std::max<U64>(accesses, 1))(rng),
-          static_cast<std::size_t>(it - followed_.begin()));
+      killPoints_.emplace_back(std::uniform_int_distribution<U64>(1, span)(rng),
+                               static_cast<std::size_t>(it - followed_.begin()));
   }
   std::sort(killPoints_.begin(), killPoints_.end());
 }
 
 void Supervisor::kill(Followed& f) {
   ChildProcess& process = *f.serializer->process;
+  // The kill lines count the killed processes: the process lines keep to the others.
   process.kill();
-  replaced_.push_back({f.serializer->def->name, static_cast<long>(process.pid()),
-                       process.state() + " (--kill)", false});
   ++f.line.kills;
   f.killedAt = std::chrono::steady_clock::now();
   f.replayEnd = 0;
@@ -221,9 +235,47 @@ void Supervisor::turn() {
 }
 
 void Supervisor::tick(U64 made) {
-  for (; nextKill_ < killPoints_.size() && killPoints_[nextKill_].first <= made; ++nextKill_)
+  const auto now = std::chrono::steady_clock::now();
+  if (!started_) {
+    started_ = now;
+    nextSample_ = now + kSampleEvery;
+  }
+  const U64 at =
+      timed_ ? static_cast<U64>(
+                   std::chrono::duration_cast<std::chrono::microseconds>(now - *started_).count())
+             : made;
+  for (; nextKill_ < killPoints_.size() && killPoints_[nextKill_].first <= at; ++nextKill_)
     kill(followed_[killPoints_[nextKill_].second]);
   if (!followed_.empty()) turn();
+  if (now >= nextSample_) {
+    sampleMemory();
+    nextSample_ = now + kSampleEvery;
+  }
+}
+
+void Supervisor::sampleMemory() {
+  selfKiB_.push_back(residentKiB(getpid()));
+  redisKiB_.push_back(residentKiB(redis_->pid()));
+  for (Serializer& s : serializers_)
+    if (s.process->running())
+      serializersKiB_ = std::max(serializersKiB_, residentKiB(s.process->pid()));
+}
+
+std::vector<MemoryLine> Supervisor::memoryLines() const {
+  if (selfKiB_.size() < kMinSamples) return {};
+  const auto line = [](std::string name, const std::vector<U64>& kib) {
+    MemoryLine m{std::move(name)};
+    const auto warm = kib.begin() + static_cast<long>(kib.size() / 5);
+    m.afterWarmUpKiB = *warm;
+    m.atEndKiB = kib.back();
+    m.highestKiB = *std::max_element(warm, kib.end());
+    m.grew =
+        m.highestKiB > m.afterWarmUpKiB + std::max<U64>(kAllowedGrowthKiB, m.afterWarmUpKiB / 10);
+    return m;
+  };
+  std::vector<MemoryLine> lines{line("zorvek-sim", selfKiB_), line("redis-server", redisKiB_)};
+  lines.push_back({"serializers", 0, 0, serializersKiB_, false});
+  return lines;
 }
 
 void Supervisor::settle() {

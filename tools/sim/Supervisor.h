@@ -67,15 +67,20 @@ class Supervisor {
   // Every process started, those replaced by a restart first.
   std::vector<ProcessLine> processLines();
 
-  // Plans the kills over `accesses` accesses; follows the requesters of the switch's DAL.
-  void killsIs(const std::vector<KillPlan>& plans, U64 accesses, U64 seed, const sim::SimSwitch& sw,
+  // Plans the kills over the workload's accesses (or its seconds, for a timed one); follows
+  // the requesters of the switch's DAL.
+  void killsIs(const std::vector<KillPlan>& plans, const WorkloadOptions& workload,
+               const sim::SimSwitch& sw,
                const std::vector<Kel::Ptr<Zorvek::Requester>>& requesters);
+  // Between accesses: the kills due, a turn of the loop, a memory sample every second.
   void tick(U64 made);
   // Turns the loop until every killed serializer's last replay has run. Throws
   // std::runtime_error when one has not within the limit.
   void settle();
   // Per serializer killed, with the entries the chip check found lost in its tables.
   std::vector<KillLine> killLines(const ChipCheck& check) const;
+  // zorvek-sim, redis-server and the serializers, once there are enough samples to tell.
+  std::vector<MemoryLine> memoryLines() const;
 
  private:
   struct Serializer {
@@ -94,6 +99,7 @@ class Supervisor {
   void kill(Followed& f);
   // One turn of the loop, which brings restarts and the replays they set off.
   void turn();
+  void sampleMemory();
   sim::U64 restartCount(const sim::SerializerDef& def) const;
   void checkProcesses();
 
@@ -108,8 +114,14 @@ class Supervisor {
   std::vector<Serializer> serializers_;
   std::vector<ProcessLine> replaced_;
   std::vector<Followed> followed_;
-  std::vector<std::pair<U64, std::size_t>> killPoints_;  // (access, followed), in order
+  // (access, or microseconds into a timed run; followed), in order.
+  std::vector<std::pair<U64, std::size_t>> killPoints_;
   std::size_t nextKill_ = 0;
+  bool timed_ = false;
+  std::optional<std::chrono::steady_clock::time_point> started_;  // at the first tick
+  std::chrono::steady_clock::time_point nextSample_;
+  std::vector<U64> selfKiB_, redisKiB_;
+  U64 serializersKiB_ = 0;
 };
 
 }  // namespace simtool

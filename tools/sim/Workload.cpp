@@ -13,6 +13,7 @@ namespace {
 
 // Bulk accesses move between 1 and this many entries.
 constexpr U32 kMaxBulkEntries = 8;
+constexpr U64 kClockEvery = 256;
 // Bulk buffers held before the workload waits for the commands that use them.
 constexpr std::size_t kMaxPendingBulkBuffers = 256;
 const DeviceId kWriteDevice(0);
@@ -114,16 +115,28 @@ U64 Workload::failedAccessCount() const {
 
 void Workload::run(Progress& progress) {
   const auto start = std::chrono::steady_clock::now();
-  const U64 total = options_.accesses;
+  const bool timed = options_.seconds > 0;
+  const U64 total = timed ? UINT64_MAX : options_.accesses;
   const U64 restartPoint =
-      options_.restarts.empty()
-          ? total + 1
+      options_.restarts.empty() || timed
+          ? UINT64_MAX
           : std::min<U64>(total, static_cast<U64>(options_.restartAt * static_cast<double>(total)));
+  const auto restartTime =
+      start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                  std::chrono::duration<double>(options_.restartAt * options_.seconds));
+  const auto end = start + std::chrono::seconds(options_.seconds);
+  bool restarted = options_.restarts.empty();
   for (U64 i = 0;; ++i) {
-    if (i == restartPoint) restartAll(i);
+    // A timed run looks at the clock every kClockEvery accesses.
+    const bool clock = timed && i % kClockEvery == 0;
+    const auto now = clock ? std::chrono::steady_clock::now() : start;
+    if (i == restartPoint || (clock && !restarted && now >= restartTime)) {
+      restartAll(i);
+      restarted = true;
+    }
     throwIfInterrupted();
     if (between_) between_(i);
-    if (i == total) break;
+    if (i == total || (clock && now >= end)) break;
     const AccessKind kind = nextKind();
     ++accesses_[static_cast<std::size_t>(kind)];
     if (access(kind) != 0) ++failed_[static_cast<std::size_t>(kind)];

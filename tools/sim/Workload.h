@@ -50,6 +50,9 @@ using KindCounts = std::array<U64, kAccessKinds>;
 struct WorkloadOptions {
   std::string source;  // names the topology in messages
   U64 accesses = 10000;
+  // When above 0: accesses are made for that many seconds instead (restarts at restartAt of
+  // the time), however many that is.
+  U64 seconds = 0;
   U64 seed = 1;
   Mix mix;
   std::vector<std::string> restarts;  // serializer names, restarted in this order
