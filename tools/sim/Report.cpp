@@ -102,6 +102,17 @@ std::vector<std::string> RunReport::failures() const {
   }
   for (const ProcessLine& p : processes)
     if (p.failed) why.push_back(p.name + " (pid " + std::to_string(p.pid) + ") " + p.state);
+  if (dalKill && !dalKill->ownedAtKill)
+    why.push_back(
+        "the DAL's agent owned no entry of the serializers' tables when it was killed: "
+        "its cold start freed nothing (make more accesses)");
+  if (dalKill && dalKill->leftOwned)
+    why.push_back(std::to_string(dalKill->leftOwned) +
+                  " entries of the serializers' tables still belong to the DAL's agent after its "
+                  "cold start");
+  if (dalKill && dalKill->otherEntriesChanged)
+    why.push_back(std::to_string(dalKill->otherEntriesChanged) +
+                  " entries of other agents changed across the DAL agent's kill and cold start");
   for (const MemoryLine& m : memory)
     if (m.grew)
       why.push_back("the resident memory of " + m.name + " grew after the warm-up, from " +
@@ -227,6 +238,16 @@ void printKills(const RunReport& r, std::ostream& out) {
   }
 }
 
+void printDalKill(const RunReport& r, std::ostream& out) {
+  if (!r.dalKill) return;
+  const DalKillLine& k = *r.dalKill;
+  out << "\nthe DAL's agent killed (SIGKILL) and started again cold\n  pid " << k.pid
+      << " killed after " << k.accessesBeforeKill << " accesses, owning " << k.ownedAtKill
+      << " entries of the serializers' tables; after the cold start: " << k.leftOwned
+      << " entries of agent " << r.dalAgent << " left, " << k.otherEntries
+      << " entries of other agents, " << k.otherEntriesChanged << " of them changed\n";
+}
+
 void printMemory(const RunReport& r, std::ostream& out) {
   if (r.memory.empty()) return;
   out << "\nresident memory (KiB, sampled every second; after the warm-up, at the end, highest)\n";
@@ -277,6 +298,7 @@ void printText(const RunReport& r, std::ostream& out) {
   printRequesters(r, out);
   printRestarts(r, out);
   printKills(r, out);
+  printDalKill(r, out);
   printProcesses(r, out);
   printMemory(r, out);
   printCheck(r, out);
@@ -380,6 +402,13 @@ void printJson(const RunReport& r, std::ostream& out) {
                            {"atEndKiB", m.atEndKiB},
                            {"highestKiB", m.highestKiB},
                            {"grew", m.grew}});
+  if (r.dalKill)
+    j["dalKill"] = {{"pid", r.dalKill->pid},
+                    {"accessesBeforeKill", r.dalKill->accessesBeforeKill},
+                    {"ownedAtKill", r.dalKill->ownedAtKill},
+                    {"leftOwned", r.dalKill->leftOwned},
+                    {"otherEntries", r.dalKill->otherEntries},
+                    {"otherEntriesChanged", r.dalKill->otherEntriesChanged}};
   j["chipCheck"] = checkJson(r.check);
   j["failures"] = r.failures();
   j["ok"] = r.ok();

@@ -5,6 +5,7 @@
 //   simtool::printText(report, std::cout);    // or printJson
 #pragma once
 
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -71,6 +72,19 @@ struct MemoryLine {
   bool grew = false;  // kept growing after the warm-up: fails the run
 };
 
+// --kill-dal: the DAL's agent killed after `accessesBeforeKill` accesses and started again
+// cold. In the serializers' tables: the entries the agent owned when it died (none would
+// prove nothing: fails), those it still owns after its cold start (0 passes), and entries
+// other agents own, and of those the ones whose bytes changed (0 passes).
+struct DalKillLine {
+  long pid = -1;
+  U64 accessesBeforeKill = 0;
+  U64 ownedAtKill = 0;
+  U64 leftOwned = 0;
+  U64 otherEntries = 0;
+  U64 otherEntriesChanged = 0;
+};
+
 struct RunReport {
   std::string topology;  // the file, or "embedded default"
   std::size_t devices;
@@ -90,9 +104,10 @@ struct RunReport {
   std::vector<KillLine> kills{};         // per serializer killed by --kill
   bool shadowBulkEntries = false;        // the remote DALs kept every bulk entry
   std::vector<MemoryLine> memory{};      // runs of --processes long enough to sample
-  std::string stateDump{};               // laid out; empty unless asked for
-  std::vector<std::string> trace{};      // decoded ring records; empty unless asked for
-  U64 traceRecords = 0;                  // records in the ring
+  std::optional<DalKillLine> dalKill{};
+  std::string stateDump{};           // laid out; empty unless asked for
+  std::vector<std::string> trace{};  // decoded ring records; empty unless asked for
+  U64 traceRecords = 0;              // records in the ring
 
   double accessesPerSecond() const;
   // Why the run failed, one line each; empty when everything passed.

@@ -4,6 +4,7 @@
 #include "ChipCheck.h"
 #include "ChromeTrace.h"
 #include "Commands.h"
+#include "DalAgentKill.h"
 #include "DumpFormat.h"
 #include "ExitCode.h"
 #include "Interrupt.h"
@@ -11,6 +12,7 @@
 #include "Kel/Trace.h"
 #include "Kwisp/Kwisp.h"
 #include "Report.h"
+#include "SkorraRedis/RedisBackend.h"
 #include "Supervisor.h"
 #include "Zorvek/RequesterDalRemote.h"
 
@@ -51,7 +53,7 @@ std::vector<std::string> lastRecords(std::size_t n) {
 
 // Runs the workload through the DAL of `sw`, checks the chip and prints the report.
 int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorvek::DemuxDal>& dal,
-              Supervisor* supervisor, std::ostream& out) {
+              Supervisor* supervisor, const DalAgentKill* dalKill, std::ostream& out) {
   Workload workload(sw, dal, options.workload);
   for (const Route& route : workload.routes())
     if (auto remote = Kel::dynamicPtrCast<Zorvek::RequesterDalRemote>(route.dal))
@@ -75,9 +77,23 @@ int runSwitch(const RunOptions& options, sim::SimSwitch& sw, const Kel::Ptr<Zorv
       for (const sim::DeviceDef& d : sw.topology().devices) dal->waitForCompletion(DeviceId(d.id));
     }
   }
+  if (dalKill) {
+    // The cold start's frees went to rings that a serializer may open only now: the check
+    // waits until each ran.
+    supervisor->runUntil(
+        [&] {
+          return std::ranges::all_of(workload.routes(), [](const Route& route) {
+            const auto* q =
+                dynamic_cast<const Zorvek::QueueRequester*>(route.dal->requester().ptr());
+            return !q || !q->ring() || q->ring()->lastExecutedIndex() + 1 >= q->cmdIndex();
+          });
+        },
+        kReadyLimit);
+  }
   RunReport report =
       makeReport(options.workload.source, sw, *dal, workload, checkChip(sw, workload.written()));
   report.shadowBulkEntries = options.shadowBulkEntries;
+  if (dalKill) report.dalKill = dalKill->check();
   if (supervisor) {
     report.processes = supervisor->processLines();
     report.kills = supervisor->killLines(report.check);
@@ -105,15 +121,38 @@ int runOnLoop(const RunOptions& options, const sim::Topology& topology, Kel::Act
               std::ostream& out) {
   if (!options.processes) {
     sim::SimSwitch sw(topology);
-    return runSwitch(options, sw, sw.buildDal(), nullptr, out);
+    return runSwitch(options, sw, sw.buildDal(), nullptr, nullptr, out);
   }
   // The supervisor goes last: the switch withdraws its queues and rings first.
   Supervisor supervisor(topology, options.topologyPath, options.serializerBin, loop);
+  std::optional<DalAgentKill> dalKill;
+  RunOptions restarted = options;
+  if (options.killDal) {
+    dalKill.emplace(topology, supervisor.switchProcesses().chips);
+    dalKill->run(options.workload, [&](const std::function<void(U64)>& made) {
+      // The DAL's agent in a process of its own: its loop, its state database connection.
+      Kel::ActivityLoop agentLoop;
+      sim::SimSwitch::Processes processes = supervisor.switchProcesses();
+      processes.database = Skorra::redisDatabase(supervisor.stateDatabaseUrl(), agentLoop);
+      sim::SimSwitch agentSw(topology, processes);
+      const Kel::Ptr<Zorvek::DemuxDal> agentDal = agentSw.buildDal();
+      while (!agentDal->ready()) agentLoop.runOnce(std::chrono::milliseconds(5));
+      Workload workload(agentSw, agentDal, options.workload);
+      workload.betweenAccessesIs([&](U64 n) {
+        made(n);
+        agentLoop.runOnce(std::chrono::milliseconds(0));
+      });
+      Progress none(0, false);
+      workload.run(none);
+    });
+    // Started again, the agent makes no access: its cold start is what is checked.
+    restarted.workload.accesses = 0;
+  }
   sim::SimSwitch sw(topology, supervisor.switchProcesses());
   const Kel::Ptr<Zorvek::DemuxDal> dal = sw.buildDal();
   // Ready once every serializer process serves its queue; the report says which is not.
   supervisor.runUntil([&] { return dal->ready(); }, kReadyLimit);
-  return runSwitch(options, sw, dal, &supervisor, out);
+  return runSwitch(restarted, sw, dal, &supervisor, dalKill ? &*dalKill : nullptr, out);
 }
 
 }  // namespace
@@ -132,6 +171,10 @@ int runCommand(RunOptions options, std::ostream& out) {
   if (!options.kills.empty() && !options.processes)
     throw BadInput("--kill " + options.kills.front() + ": kills need --processes");
   for (const std::string& k : options.kills) Supervisor::killPlan(k, topology);
+  if (options.killDal && !options.processes) throw BadInput("--kill-dal: needs --processes");
+  if (options.killDal &&
+      (!options.kills.empty() || !options.workload.restarts.empty() || options.workload.seconds))
+    throw BadInput("--kill-dal: runs without --kill, --restart and --seconds");
 
   // The agent's DAL code runs on its activity loop, as in every agent program: here the
   // whole run is one task of it.

@@ -56,6 +56,8 @@ class Supervisor {
   Supervisor(const Supervisor&) = delete;
   Supervisor& operator=(const Supervisor&) = delete;
 
+  // The URL of the run's state database.
+  std::string stateDatabaseUrl() const { return redis_->url(); }
   // What the switch of this process shares with the serializers, and how it restarts one.
   sim::SimSwitch::Processes switchProcesses();
   // Stops the serializer's process, starts a new one (cold), and turns the loop until this
