@@ -23,6 +23,7 @@
 #include <new>
 #include <string>
 
+#include "BareRing.h"
 #include "Zorvek/CommandRing.h"
 
 namespace {
@@ -30,97 +31,17 @@ namespace {
 using namespace Zorvek;
 using Clock = std::chrono::steady_clock;
 
+using namespace Zorvek::bench;
+
 constexpr int kRounds = 9;
 constexpr U64 kPerRound = 200000;
-constexpr U32 kRingBytes = 64 * 1024;
-constexpr U32 kData = 16;
 constexpr double kGoal = 1.30;
-
-void cpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
-}
-
-// The bare ring: a tail the producer publishes, a head the consumer publishes (both counted
-// in commands), each on its own cache line, and fixed-size records, each a command header
-// followed by its data, laid out as many to a ring as a CommandRing's records. Each side
-// keeps a copy of the other's index and reads it again only when the copy says full (or
-// empty).
-const U32 kSlotBytes = CommandRing::recordBytes(kData);
-const U32 kSlots = kRingBytes / kSlotBytes;
-
-struct BareRing {
-  alignas(64) std::atomic<U64> tail{0};
-  alignas(64) std::atomic<U64> head{0};
-  alignas(64) U8 records[kRingBytes];
-};
 
 // What the consumer reports: the sum of the indices and data it took, per side.
 struct Report {
   std::atomic<U64> bareSum{0};
   std::atomic<U64> ringSum{0};
 };
-
-// Command n: a 16-byte write of n, twice, at an offset that moves with n.
-void makeCommand(CommandHeader& h, U8* data, U64 n) {
-  h.cmdIndex = n;
-  h.offset = U32(n * kData);
-  std::memcpy(data, &n, 8);
-  std::memcpy(data + 8, &n, 8);
-}
-
-// What a consumer adds up for a command: its index and its data, 3n for command n.
-U64 sumOf(const CommandHeader& h, const U8* data) {
-  U64 a = 0, b = 0;
-  std::memcpy(&a, data, 8);
-  std::memcpy(&b, data + 8, 8);
-  return h.cmdIndex + a + b;
-}
-
-CommandHeader firstHeader() {
-  return singleCommand(Command::writeCmd_, oneDeviceMask(DeviceId(0)),
-                       PhysicalResourceId(ResourceType::tableResource_, 7), 0, kData);
-}
-
-void bareProduce(BareRing& bare, U64 first, U64 count) {
-  CommandHeader h = firstHeader();
-  U8 data[kData];
-  U64 tail = bare.tail.load(std::memory_order_relaxed);
-  U64 head = bare.head.load(std::memory_order_acquire);
-  U32 at = U32(tail % kSlots) * kSlotBytes;
-  for (U64 n = first; n < first + count; ++n) {
-    makeCommand(h, data, n);
-    while (tail - head == kSlots) {
-      cpuRelax();
-      head = bare.head.load(std::memory_order_acquire);
-    }
-    std::memcpy(bare.records + at, &h, sizeof h);
-    std::memcpy(bare.records + at + sizeof h, data, kData);
-    at = at + kSlotBytes == kSlots * kSlotBytes ? 0 : at + kSlotBytes;
-    bare.tail.store(++tail, std::memory_order_release);
-  }
-  while (bare.head.load(std::memory_order_acquire) != tail) cpuRelax();
-}
-
-U64 bareConsume(BareRing& bare, U64 count) {
-  U64 head = bare.head.load(std::memory_order_relaxed);
-  U64 tail = head;
-  U32 at = U32(head % kSlots) * kSlotBytes;
-  U64 sum = 0;
-  CommandHeader h;
-  for (U64 n = 0; n < count; ++n) {
-    while (tail == head) {
-      cpuRelax();
-      tail = bare.tail.load(std::memory_order_acquire);
-    }
-    std::memcpy(&h, bare.records + at, sizeof h);
-    sum += sumOf(h, bare.records + at + sizeof h);
-    at = at + kSlotBytes == kSlots * kSlotBytes ? 0 : at + kSlotBytes;
-    bare.head.store(++head, std::memory_order_release);
-  }
-  return sum;
-}
 
 bool ringProduce(CommandRingProducer& ring, U64 first, U64 count) {
   CommandHeader h = firstHeader();
