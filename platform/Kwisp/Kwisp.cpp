@@ -1,6 +1,12 @@
 #include "Kwisp/Kwisp.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -8,7 +14,10 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <span>
+#include <thread>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <x86intrin.h>
@@ -21,6 +30,13 @@ namespace {
 constexpr char kMagic[8] = {'K', 'W', 'I', 'S', 'P', 'R', 'N', 'G'};
 constexpr std::uint32_t kVersion = 1;
 constexpr std::size_t kPayloadBytes = kSlotBytes - kHeaderBytes;
+// A ring in a file (ringFileIs): the dump's magic, version 2, a header of fixed size, an area
+// of fixed size for descriptors, then the slots, stamped in record-clock ticks.
+constexpr std::uint32_t kFileVersion = 2;
+constexpr std::size_t kFileHeaderBytes = 64;
+constexpr std::size_t kFileDescriptorBytes = 256 * 1024;
+// How long the record clock's rate is measured for when a ring moves to a file.
+constexpr int kFileRateMs = 20;
 
 // A descriptor as the decoder sees it: copied strings, so a dumped ring decodes without the
 // process that wrote it.
@@ -72,8 +88,21 @@ class TickConverter {
   long double nanosecondsPerTick_ = 1;
 };
 
+// A ring in a file: the mapping, and where descriptors go as they are built.
+struct RingFile {
+  std::string path;
+  unsigned char* base = nullptr;
+  std::size_t bytes = 0;
+  std::size_t descriptorsAt = 0;  // start of the descriptor area
+  ~RingFile() {
+    if (base) munmap(base, bytes);
+  }
+};
+
 struct Ring {
-  std::vector<unsigned char> slots = std::vector<unsigned char>(kDefaultSlots * kSlotBytes);
+  std::vector<unsigned char> heap = std::vector<unsigned char>(kDefaultSlots * kSlotBytes);
+  // The slots: the heap's, or the file's.
+  std::span<unsigned char> slots = heap;
   std::uint64_t next = 0;
   // The slot the next record takes: it wraps without dividing by the slot count.
   unsigned char* cursor = slots.data();
@@ -82,6 +111,7 @@ struct Ring {
   // The texts of every descriptor ever built, copied when it is built: records keep decoding
   // after a trace point is gone (its library unloaded, or a descriptor that was not static).
   std::map<std::uint32_t, DescriptorText> descriptors;
+  std::unique_ptr<RingFile> file;
 };
 
 Ring& ring() {
@@ -214,16 +244,38 @@ std::map<std::uint32_t, DescriptorText> knownDescriptors() {
   return r.descriptors;
 }
 
-// A copy of the ring's slots whose stamps are steady-clock nanoseconds.
-std::vector<unsigned char> slotsInNanoseconds(const Ring& r) {
-  const TickConverter converter(r.base, ClockPair::now());
-  std::vector<unsigned char> slots = r.slots;
-  for (std::size_t at = 0; at < slots.size(); at += kSlotBytes) {
+// A copy of `slots` whose stamps are steady-clock nanoseconds.
+std::vector<unsigned char> inNanoseconds(std::span<const unsigned char> raw,
+                                         const TickConverter& converter) {
+  std::vector<unsigned char> slots(raw.begin(), raw.end());
+  for (std::size_t at = 0; at + kSlotBytes <= slots.size(); at += kSlotBytes) {
     unsigned char* s = slots.data() + at;
     if (get<std::uint64_t>(s))
       put<std::uint64_t>(s + 8, converter.nanoseconds(get<std::uint64_t>(s + 8)));
   }
   return slots;
+}
+
+std::vector<unsigned char> slotsInNanoseconds(const Ring& r) {
+  return inNanoseconds(r.slots, TickConverter(r.base, ClockPair::now()));
+}
+
+// The bytes of a descriptor in a dump: u32 id, u8 level, u32 line, then its handle, file,
+// function and format, each a u16 length and its bytes.
+void putDescriptor(std::string& out, std::uint32_t id, const DescriptorText& d);
+
+// Appends a descriptor to the file's area, then publishes the bytes used: a process that dies
+// while it writes one leaves the area as it was. One that does not fit is left out (its
+// records then do not decode).
+void fileDescriptor(RingFile& file, std::uint32_t id, const DescriptorText& d) {
+  std::string bytes;
+  putDescriptor(bytes, id, d);
+  unsigned char* used = file.base + 52;
+  const std::uint32_t at = get<std::uint32_t>(used);
+  if (at + bytes.size() > kFileDescriptorBytes) return;
+  std::memcpy(file.base + file.descriptorsAt + at, bytes.data(), bytes.size());
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  put<std::uint32_t>(used, static_cast<std::uint32_t>(at + bytes.size()));
 }
 
 // Reads the dump format with bounds checks on every field.
@@ -274,6 +326,16 @@ void putNum(std::string& out, T v) {
   out.append(reinterpret_cast<const char*>(&v), sizeof v);
 }
 
+void putDescriptor(std::string& out, std::uint32_t id, const DescriptorText& d) {
+  putNum<std::uint32_t>(out, id);
+  putNum<std::uint8_t>(out, static_cast<std::uint8_t>(d.level));
+  putNum<std::uint32_t>(out, static_cast<std::uint32_t>(d.line));
+  putStr(out, d.handle);
+  putStr(out, d.file);
+  putStr(out, d.function);
+  putStr(out, d.format);
+}
+
 }  // namespace
 
 Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const char* file, int line,
@@ -287,7 +349,8 @@ Descriptor::Descriptor(const Kel::TraceHandle& handle, unsigned level, const cha
   Ring& r = ring();
   std::lock_guard lock(r.descriptorMutex);
   id_ = static_cast<std::uint32_t>(r.descriptors.size() + 1);
-  r.descriptors.emplace(id_, textOf(*this));
+  const DescriptorText& text = r.descriptors.emplace(id_, textOf(*this)).first->second;
+  if (r.file) fileDescriptor(*r.file, id_, text);
 }
 
 std::uint64_t clockTicks() { return readClock(); }
@@ -299,6 +362,12 @@ Claim claimSlot(std::uint32_t id) {
   unsigned char* const slot = r.cursor;
   r.cursor =
       slot + kSlotBytes == r.slots.data() + r.slots.size() ? r.slots.data() : slot + kSlotBytes;
+  // The slot is no record until the writer publishes it: a process that dies while it writes
+  // leaves an empty slot, never an old record's number over new bytes. Only the compiler can
+  // reorder these stores: the processor keeps them in order, and a ring in a file outlives a
+  // killed process with every store it made.
+  put<std::uint64_t>(slot, 0);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
   put<std::uint64_t>(slot + 8, readClock());
   put<std::uint32_t>(slot + 16, id);
   return {slot, r.next++};
@@ -359,15 +428,7 @@ void dump(const std::string& path) {
   putNum<std::uint32_t>(out, kVersion);
   auto descs = knownDescriptors();
   putNum<std::uint32_t>(out, static_cast<std::uint32_t>(descs.size()));
-  for (auto& [id, d] : descs) {
-    putNum<std::uint32_t>(out, id);
-    putNum<std::uint8_t>(out, static_cast<std::uint8_t>(d.level));
-    putNum<std::uint32_t>(out, static_cast<std::uint32_t>(d.line));
-    putStr(out, d.handle);
-    putStr(out, d.file);
-    putStr(out, d.function);
-    putStr(out, d.format);
-  }
+  for (auto& [id, d] : descs) putDescriptor(out, id, d);
   putNum<std::uint32_t>(out, static_cast<std::uint32_t>(kSlotBytes));
   putNum<std::uint32_t>(out, static_cast<std::uint32_t>(r.slots.size() / kSlotBytes));
   const std::vector<unsigned char> slots = slotsInNanoseconds(r);
@@ -381,13 +442,9 @@ std::vector<std::string> decodeBytes(std::string_view bytes) {
   return linesOf(decodeRecords(bytes));
 }
 
-std::vector<Record> decodeRecords(std::string_view bytes) {
-  Reader in(bytes);
-  if (in.bytes(sizeof kMagic, "magic") != std::string_view(kMagic, sizeof kMagic))
-    throw DecodeError("not a Kwisp ring dump (bad magic)");
-  if (const auto v = in.num<std::uint32_t>("version"); v != kVersion)
-    throw DecodeError("unsupported Kwisp dump version " + std::to_string(v));
-  const auto n = in.num<std::uint32_t>("descriptor count");
+namespace {
+
+std::map<std::uint32_t, DescriptorText> readDescriptors(Reader& in, std::uint32_t n) {
   std::map<std::uint32_t, DescriptorText> descs;
   for (std::uint32_t i = 0; i < n; ++i) {
     const auto id = in.num<std::uint32_t>("descriptor id");
@@ -403,6 +460,49 @@ std::vector<Record> decodeRecords(std::string_view bytes) {
                         " out of range");
     descs.emplace(id, std::move(d));
   }
+  return descs;
+}
+
+std::vector<Record> decodeRingFile(Reader& in) {
+  in.num<std::uint32_t>("reserved");
+  ClockPair start, later;
+  start.ticks = in.num<std::uint64_t>("start ticks");
+  start.nanoseconds = in.num<std::uint64_t>("start nanoseconds");
+  later.ticks = in.num<std::uint64_t>("later ticks");
+  later.nanoseconds = in.num<std::uint64_t>("later nanoseconds");
+  const auto capacity = in.num<std::uint32_t>("descriptor area bytes");
+  const auto used = in.num<std::uint32_t>("descriptor bytes used");
+  if (in.num<std::uint32_t>("slot size") != kSlotBytes)
+    throw DecodeError("slot size in ring file does not match " + std::to_string(kSlotBytes));
+  const auto slots = in.num<std::uint32_t>("slot count");
+  if (used > capacity) throw DecodeError("descriptor bytes used exceed their area");
+  const std::string_view area = in.bytes(capacity, "descriptor area");
+  // The descriptors written in full: a count is not kept, the bytes used say where they end.
+  Reader descriptors(area.substr(0, used));
+  std::map<std::uint32_t, DescriptorText> descs;
+  while (descriptors.left()) descs.merge(readDescriptors(descriptors, 1));
+  if (in.left() != static_cast<std::uint64_t>(slots) * kSlotBytes)
+    throw DecodeError("ring file holds " + std::to_string(in.left()) + " slot bytes, header says " +
+                      std::to_string(static_cast<std::uint64_t>(slots) * kSlotBytes));
+  const std::string_view raw = in.bytes(in.left(), "slots");
+  const std::vector<unsigned char> stamped =
+      inNanoseconds({reinterpret_cast<const unsigned char*>(raw.data()), raw.size()},
+                    TickConverter(start, later));
+  return decodeSlots(stamped.data(), slots, descs);
+}
+
+}  // namespace
+
+std::vector<Record> decodeRecords(std::string_view bytes) {
+  Reader in(bytes);
+  if (in.bytes(sizeof kMagic, "magic") != std::string_view(kMagic, sizeof kMagic))
+    throw DecodeError("not a Kwisp ring dump (bad magic)");
+  const auto version = in.num<std::uint32_t>("version");
+  if (version == kFileVersion) return decodeRingFile(in);
+  if (version != kVersion)
+    throw DecodeError("unsupported Kwisp dump version " + std::to_string(version));
+  const auto n = in.num<std::uint32_t>("descriptor count");
+  const auto descs = readDescriptors(in, n);
   if (in.num<std::uint32_t>("slot size") != kSlotBytes)
     throw DecodeError("slot size in dump does not match " + std::to_string(kSlotBytes));
   const auto slots = in.num<std::uint32_t>("slot count");
@@ -423,10 +523,55 @@ std::vector<std::string> decodeFile(const std::string& path) {
 void clear(std::size_t slots) {
   Ring& r = ring();
   const std::size_t n = slots ? slots : r.slots.size() / kSlotBytes;
-  r.slots.assign(n * kSlotBytes, 0);
+  r.file = nullptr;
+  r.heap.assign(n * kSlotBytes, 0);
+  r.slots = r.heap;
   r.next = 0;
   r.cursor = r.slots.data();
   r.base = ClockPair::now();
+}
+
+void ringFileIs(const std::string& path) {
+  Ring& r = ring();
+  const std::size_t slotBytes = r.slots.size();
+  auto file = std::make_unique<RingFile>();
+  file->path = path;
+  file->descriptorsAt = kFileHeaderBytes;
+  file->bytes = kFileHeaderBytes + kFileDescriptorBytes + slotBytes;
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  void* base = MAP_FAILED;
+  if (fd >= 0 && ftruncate(fd, static_cast<off_t>(file->bytes)) == 0)
+    base = mmap(nullptr, file->bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  const int error = errno;
+  if (fd >= 0) close(fd);
+  if (base == MAP_FAILED)
+    throw std::runtime_error("Kwisp: cannot make the trace ring file " + path + ": " +
+                             std::strerror(error));
+  file->base = static_cast<unsigned char*>(base);
+  // The record clock's rate, measured now: the file decodes without this process.
+  const ClockPair start = ClockPair::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(kFileRateMs));
+  const ClockPair later = ClockPair::now();
+  unsigned char* h = file->base;
+  std::memcpy(h, kMagic, sizeof kMagic);
+  put<std::uint32_t>(h + 8, kFileVersion);
+  put<std::uint64_t>(h + 16, start.ticks);
+  put<std::uint64_t>(h + 24, start.nanoseconds);
+  put<std::uint64_t>(h + 32, later.ticks);
+  put<std::uint64_t>(h + 40, later.nanoseconds);
+  put<std::uint32_t>(h + 48, static_cast<std::uint32_t>(kFileDescriptorBytes));
+  put<std::uint32_t>(h + 52, 0);  // descriptor bytes used
+  put<std::uint32_t>(h + 56, static_cast<std::uint32_t>(kSlotBytes));
+  put<std::uint32_t>(h + 60, static_cast<std::uint32_t>(slotBytes / kSlotBytes));
+  std::lock_guard lock(r.descriptorMutex);
+  for (const auto& [id, text] : r.descriptors) fileDescriptor(*file, id, text);
+  // Records made so far stay behind: the file starts empty, its slots zero.
+  r.file = std::move(file);
+  r.slots =
+      std::span<unsigned char>(r.file->base + kFileHeaderBytes + kFileDescriptorBytes, slotBytes);
+  r.next = 0;
+  r.cursor = r.slots.data();
+  r.base = start;
 }
 
 std::size_t slotCount() { return ring().slots.size() / kSlotBytes; }

@@ -195,7 +195,14 @@ KEL_EXPORT std::string lineOf(const Record& r);
 KEL_EXPORT std::vector<std::string> decode();
 // Writes the ring and its descriptors to a file; throws std::runtime_error on I/O failure.
 KEL_EXPORT void dump(const std::string& path);
-// Decodes a dumped ring; throws DecodeError naming what is wrong and where.
+// Moves the ring into the file at `path` (created, or truncated), mapped shared, so that its
+// records survive the process however it ends, SIGKILL included: decodeFile() reads the file
+// as it is, with every record the process completed. The file holds the descriptors, each
+// written as it is built, and the record clock's rate, measured as the ring moves (20 ms).
+// Records made before the move stay behind; clear() moves the ring back to memory. Throws
+// std::runtime_error naming the file when it cannot be made.
+KEL_EXPORT void ringFileIs(const std::string& path);
+// Decodes a dumped ring, or a ring file; throws DecodeError naming what is wrong and where.
 KEL_EXPORT std::vector<std::string> decodeFile(const std::string& path);
 KEL_EXPORT std::vector<std::string> decodeBytes(std::string_view bytes);
 KEL_EXPORT std::vector<Record> decodeRecords(std::string_view bytes);
