@@ -21,6 +21,8 @@
 #include <CLI/CLI.hpp>
 
 #include "Kel/ActivityLoop.h"
+#include "Kel/Trace.h"
+#include "Kwisp/Kwisp.h"
 #include "Skorra/MountGroup.h"
 #include "SkorraRedis/RedisBackend.h"
 #include "sim/ChipSegment.h"
@@ -41,6 +43,7 @@ struct Options {
   std::string serializer;
   std::string stateDb;
   std::string chip;
+  std::string traceDir;
 };
 
 class BadInput : public std::runtime_error {
@@ -69,6 +72,11 @@ int serve(const Options& o) {
   }
   const sim::ChipSegment chips = sim::ChipSegment::open(o.chip, topology);
 
+  if (!o.traceDir.empty()) {
+    // Every level into a ring in a file, which a kill leaves behind for zorvek-sim trace.
+    Kel::ringLevelsIs("*/0-9");
+    Kwisp::ringFileIs(o.traceDir + "/" + def.name + "-" + std::to_string(getpid()) + ".kwisp");
+  }
   signal(SIGTERM, requestStop);
   signal(SIGINT, requestStop);
   Kel::ActivityLoop loop;
@@ -115,6 +123,10 @@ int main(int argc, char** argv) {
   app.add_option("--chip", o.chip,
                  "The shared-memory segment of the chips, as zorvek-sim run --processes made it")
       ->required();
+  app.add_option("--trace-dir", o.traceDir,
+                 "Keep the trace ring, every level on, in DIR/<serializer>-<pid>.kwisp, which "
+                 "outlives a kill (decode it with zorvek-sim trace)")
+      ->check(CLI::ExistingDirectory);
   CLI11_PARSE(app, argc, argv);
   try {
     return serve(o);

@@ -31,7 +31,10 @@ struct RunOptions {
   bool processes = false;
   std::string serializerBin;       // empty: zorvek-serializer next to zorvek-sim, or on the PATH
   std::vector<std::string> kills;  // --kill NAME[:COUNT], with --processes
-  bool killDal = false;            // the DAL's agent in a child, killed, started again cold
+  // With --processes: every process keeps its trace ring in a file there, which outlives
+  // a kill ("<name>-<pid>.kwisp"; zorvek-sim trace decodes it).
+  std::string traceDir;
+  bool killDal = false;  // the DAL's agent in a child, killed, started again cold
 };
 
 // Builds the switch and its DAL, runs the workload and checks the chip; see RunOptions.

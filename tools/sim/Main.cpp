@@ -88,6 +88,10 @@ void addRunOptions(CLI::App& run, RunOptions& o, std::string& mix, std::string& 
                  "With --processes: kill that serializer's process with SIGKILL COUNT times "
                  "(default 1) at random accesses (seeded by --seed), a new one started each time")
       ->type_name("NAME[:COUNT]");
+  run.add_option("--trace-dir", o.traceDir,
+                 "With --processes: keep every process's trace ring, every level on, in a file "
+                 "in this directory (<name>-<pid>.kwisp), which outlives a kill; decode one "
+                 "with zorvek-sim trace");
   run.add_flag("--kill-dal", o.killDal,
                "With --processes: run the DAL's agent in a child process, kill it with SIGKILL "
                "at a random access and start it again cold; check that the serializers freed "

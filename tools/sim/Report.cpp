@@ -228,6 +228,11 @@ void printKills(const RunReport& r, std::ostream& out) {
     out << "  " << k.serializer << ": killed " << k.kills << " times, replayed " << k.replays
         << " times, " << k.replayedEntries << " entries replayed, " << k.lostEntries
         << " entries lost\n";
+    if (!k.traceFiles.empty()) {
+      out << "    trace rings of the killed processes: " << k.traceFiles.back();
+      if (k.traceFiles.size() > 1) out << " (the last; " << k.traceFiles.size() << " in all)";
+      out << "\n";
+    }
     if (k.killToReplayMs.empty()) continue;
     const auto [low, high] = std::minmax_element(k.killToReplayMs.begin(), k.killToReplayMs.end());
     const double total = std::accumulate(k.killToReplayMs.begin(), k.killToReplayMs.end(), 0.0);
@@ -394,6 +399,7 @@ void printJson(const RunReport& r, std::ostream& out) {
                           {"replays", k.replays},
                           {"replayedEntries", k.replayedEntries},
                           {"killToReplayMs", k.killToReplayMs},
+                          {"traceFiles", k.traceFiles},
                           {"lostEntries", k.lostEntries}});
   j["memory"] = Json::array();
   for (const MemoryLine& m : r.memory)

@@ -55,10 +55,11 @@ struct ProcessLine {
 struct KillLine {
   std::string serializer;
   U64 kills = 0;
-  U64 replays = 0;                     // restarts the DAL heard, each a replay of its shadow
-  U64 replayedEntries = 0;             // writes the replays queued
-  std::vector<double> killToReplayMs;  // per kill whose replay ran before the next kill
-  U64 lostEntries = 0;                 // entries written whose table lost them (chip check)
+  U64 replays = 0;                        // restarts the DAL heard, each a replay of its shadow
+  U64 replayedEntries = 0;                // writes the replays queued
+  std::vector<double> killToReplayMs;     // per kill whose replay ran before the next kill
+  U64 lostEntries = 0;                    // entries written whose table lost them (chip check)
+  std::vector<std::string> traceFiles{};  // the killed processes' trace rings (--trace-dir)
 };
 
 // The resident memory of a process of the run, sampled every second: after the warm-up (the

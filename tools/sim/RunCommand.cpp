@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -21,6 +24,11 @@ namespace simtool {
 namespace {
 
 constexpr auto kReadyLimit = std::chrono::seconds(20);
+
+// The trace ring file of this process in `dir`: "<name>-<pid>.kwisp".
+std::string ringFileOf(const std::string& dir, const std::string& name) {
+  return dir + "/" + name + "-" + std::to_string(getpid()) + ".kwisp";
+}
 
 sim::Topology loadTopology(const RunOptions& options) {
   if (options.topologyPath.empty()) return sim::Topology::embeddedDefault();
@@ -124,13 +132,15 @@ int runOnLoop(const RunOptions& options, const sim::Topology& topology, Kel::Act
     return runSwitch(options, sw, sw.buildDal(), nullptr, nullptr, out);
   }
   // The supervisor goes last: the switch withdraws its queues and rings first.
-  Supervisor supervisor(topology, options.topologyPath, options.serializerBin, loop);
+  Supervisor supervisor(topology, options.topologyPath, options.serializerBin, loop,
+                        options.traceDir);
   std::optional<DalAgentKill> dalKill;
   RunOptions restarted = options;
   if (options.killDal) {
     dalKill.emplace(topology, supervisor.switchProcesses().chips);
     dalKill->run(options.workload, [&](const std::function<void(U64)>& made) {
       // The DAL's agent in a process of its own: its loop, its state database connection.
+      if (!options.traceDir.empty()) Kwisp::ringFileIs(ringFileOf(options.traceDir, "zorvek-sim"));
       Kel::ActivityLoop agentLoop;
       sim::SimSwitch::Processes processes = supervisor.switchProcesses();
       processes.database = Skorra::redisDatabase(supervisor.stateDatabaseUrl(), agentLoop);
@@ -160,10 +170,19 @@ int runOnLoop(const RunOptions& options, const sim::Topology& topology, Kel::Act
 int runCommand(RunOptions options, std::ostream& out) {
   const sim::Topology topology = loadTopology(options);
   checkTraceFile(options.traceFile);
-  const bool ring = options.trace || !options.traceFile.empty();
+  const bool ring = options.trace || !options.traceFile.empty() || !options.traceDir.empty();
   if (ring) {
     Kel::ringLevelsIs("*/0-9");
     Kwisp::clear();
+  }
+  if (!options.traceDir.empty()) {
+    if (!options.processes)
+      throw BadInput("--trace-dir " + options.traceDir + ": needs --processes");
+    if (!std::filesystem::is_directory(options.traceDir) ||
+        access(options.traceDir.c_str(), W_OK) != 0)
+      throw BadInput("--trace-dir " + options.traceDir +
+                     ": not a directory this process can write");
+    Kwisp::ringFileIs(ringFileOf(options.traceDir, "zorvek-sim"));
   }
   options.workload.source =
       options.topologyPath.empty() ? "embedded default" : options.topologyPath;

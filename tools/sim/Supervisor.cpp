@@ -74,11 +74,12 @@ void unlinkSegments(const std::string& prefix) {
 }  // namespace
 
 Supervisor::Supervisor(const sim::Topology& topology, std::string topologyPath,
-                       std::string serializerBin, Kel::ActivityLoop& loop)
+                       std::string serializerBin, Kel::ActivityLoop& loop, std::string traceDir)
     : topology_(topology),
       topologyPath_(std::move(topologyPath)),
       serializerBin_(serializerBinOf(serializerBin)),
       loop_(loop),
+      traceDir_(std::move(traceDir)),
       prefix_("/zorvek-" + std::to_string(getpid())) {
   if (Skorra::programPath("redis-server").empty())
     throw BadInput("--processes: redis-server is not on the PATH; scripts/bootstrap installs it");
@@ -106,6 +107,7 @@ void Supervisor::start(Serializer& s) {
   std::vector<std::string> argv{serializerBin_, "--serializer", s.def->name,       "--state-db",
                                 redis_->url(),  "--chip",       prefix_ + "-chips"};
   if (!topologyPath_.empty()) argv.insert(argv.end(), {"--topology", topologyPath_});
+  if (!traceDir_.empty()) argv.insert(argv.end(), {"--trace-dir", traceDir_});
   s.process = std::make_unique<ChildProcess>(s.def->name, argv);
 }
 
@@ -205,6 +207,9 @@ void Supervisor::kill(Followed& f) {
   // The kill lines count the killed processes: the process lines keep to the others.
   process.kill();
   ++f.line.kills;
+  if (!traceDir_.empty())
+    f.line.traceFiles.push_back(traceDir_ + "/" + f.serializer->def->name + "-" +
+                                std::to_string(process.pid()) + ".kwisp");
   f.killedAt = std::chrono::steady_clock::now();
   f.replayEnd = 0;
   start(*f.serializer);

@@ -50,8 +50,10 @@ class Supervisor {
   // Throws BadInput when redis-server or the serializer program cannot be found (an empty
   // `serializerBin` looks for zorvek-serializer next to this program, then on the PATH), and
   // std::runtime_error when a process does not start.
+  // With a `traceDir`, every serializer process keeps its trace ring in a file there
+  // ("<name>-<pid>.kwisp"), which outlives its kill.
   Supervisor(const sim::Topology& topology, std::string topologyPath, std::string serializerBin,
-             Kel::ActivityLoop& loop);
+             Kel::ActivityLoop& loop, std::string traceDir = {});
   ~Supervisor();
   Supervisor(const Supervisor&) = delete;
   Supervisor& operator=(const Supervisor&) = delete;
@@ -109,6 +111,7 @@ class Supervisor {
   std::string topologyPath_;
   std::string serializerBin_;
   Kel::ActivityLoop& loop_;
+  std::string traceDir_;
   std::string prefix_;  // of every shared-memory segment of the run
   std::unique_ptr<Skorra::RedisServer> redis_;
   Kel::Ptr<Skorra::Database> database_;
