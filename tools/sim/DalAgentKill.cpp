@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "Interrupt.h"
+
 namespace simtool {
 
 DalAgentKill::DalAgentKill(const sim::Topology& topology, Kel::Ptr<sim::SimChipSet> chips)
@@ -62,6 +64,14 @@ void DalAgentKill::run(const WorkloadOptions& workload,
   pid_ = pid;
   int status = 0;
   while (made->load(std::memory_order_relaxed) < killedAt_) {
+    try {
+      throwIfInterrupted();
+    } catch (const Interrupted&) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      munmap(shared, sizeof(std::atomic<U64>));
+      throw;
+    }
     if (waitpid(pid, &status, WNOHANG) == pid) {
       munmap(shared, sizeof(std::atomic<U64>));
       throw std::runtime_error("--kill-dal: the DAL's agent (pid " + std::to_string(pid) +
