@@ -386,11 +386,13 @@ CommandRing::Mapping openSegment(const std::string& name) {
 CommandRingConsumer::CommandRingConsumer(const std::string& name)
     : CommandRing(name, openSegment(name)) {
   CommandRingLayout& l = layout();
+  // This process first, then the generation: a producer that sees the new generation sees
+  // a consumer alive, never the pid of none (or of the dead one) that would end its wait.
+  l.consumerPid.store(getpid(), std::memory_order_release);
   // The previous consumer may have died at any step: only the producer's tail is trusted.
   // Commands published from here on belong to this generation.
   const U32 generation = l.generation.fetch_add(1, std::memory_order_acq_rel) + 1;
   l.consumerWaiting.store(0, std::memory_order_relaxed);
-  l.consumerPid.store(getpid(), std::memory_order_release);
   cachedTail_ = l.tail.load(std::memory_order_acquire);
   // The first generation runs what the producer published before any consumer started.
   head_ = generation == 1 ? l.head.load(std::memory_order_acquire) : cachedTail_;
